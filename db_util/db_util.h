@@ -1,0 +1,244 @@
+// db_util: the configuration store. Key=value files, the daemon's settings,
+// the tables of attached disks and volumes, and the storage history file.
+//
+// Results follow this module's convention: 0 success, -1 failure, unless a
+// function says otherwise. Nothing here takes a lock; callers hold
+// usbmgr_mutex where the daemon's threads meet.
+#ifndef USBMGR_DB_UTIL_H
+#define USBMGR_DB_UTIL_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace usbmgr {
+struct CommandLine;
+}
+
+// ---------------------------------------------------------------------------
+// Key=value files
+
+inline constexpr const char USBMGR_CONF_PATH[] = "/var/config/usbmgr.conf";
+inline constexpr const char USBMGR_TEMP_PATH[] = "/tmp/usbmgr.temp";
+inline constexpr const char TR140_CONF_PATH[] = "/var/config/tr140.conf";
+inline constexpr const char TR140_TEMP_PATH[] = "/tmp/tr140.temp";
+
+// Line buffer of every reader: a longer line is read as several pieces.
+inline constexpr std::size_t DB_UTIL_LINE_SIZE = 256;
+// Key and value buffers of the getters.
+inline constexpr std::size_t DB_UTIL_KEY_SIZE = 128;
+inline constexpr std::size_t DB_UTIL_VALUE_SIZE = 128;
+
+struct UsbmgrConfItem {
+    char item_name[20];
+    int32_t item_index;
+};
+static_assert(sizeof(UsbmgrConfItem) == 24);
+
+// Integer value of key in the settings file: 0 when the file is missing,
+// -1 when the key is, see the key=value reading rules.
+int db_util_config_get_parameter_i(const char* key);
+// String value of key into out (zeroed, at least 128 bytes): 0 found, -1 not.
+int db_util_config_get_parameter_s(const char* key, char* out);
+int db_util_tr140_conf_get_parameter_i(const char* key);
+int db_util_tr140_conf_get_parameter_s(const char* key, char* out);
+int db_util_temp_config_get_parameter_s(const char* key, char* out);
+// Integer and string lookups in any file (the five getters above are these).
+int db_util_file_get_parameter_i(const char* path, const char* key);
+int db_util_file_get_parameter_s(const char* path, const char* key, char* out);
+
+// Splits an indexed key (USBMGR.SAMBA.USER_NAME.7) into item; always -1.
+int db_util_usbmgr_conf_split_item(char* key, UsbmgrConfItem* item);
+
+// Splits one line the way "%[^=]=%[^\n]" scans it into key and value buffers
+// of 128 (cleared first); false when the line has no key.
+bool db_util_split_line(const char* line, char (&key)[DB_UTIL_KEY_SIZE], char (&value)[DB_UTIL_VALUE_SIZE]);
+
+// Runs a command line (logged "run command : %s" when it started):
+// 0 started, 1 could not start.
+int db_util_exe_command(const char* command);
+int db_util_exe_command(const usbmgr::CommandLine& command);
+
+// ---------------------------------------------------------------------------
+// Daemon settings
+
+struct MiniDlnaConf {
+    int32_t enable;
+    char conf_dir[64];
+    char db_dir[64];
+    char log_dir[64];
+    char media_dir[64];
+    char log_level[64];
+    char root_container[64];
+    char port[10];
+    char friendly_name[64];
+    char serial[128];
+    char model_name[128];
+    char model_number[128];
+    char inotify[10];
+    char notify_interval[10];
+};
+static_assert(offsetof(MiniDlnaConf, conf_dir) == 4);
+static_assert(offsetof(MiniDlnaConf, db_dir) == 68);
+static_assert(offsetof(MiniDlnaConf, log_dir) == 132);
+static_assert(offsetof(MiniDlnaConf, media_dir) == 196);
+static_assert(offsetof(MiniDlnaConf, log_level) == 260);
+static_assert(offsetof(MiniDlnaConf, root_container) == 324);
+static_assert(offsetof(MiniDlnaConf, port) == 388);
+static_assert(offsetof(MiniDlnaConf, friendly_name) == 398);
+static_assert(offsetof(MiniDlnaConf, serial) == 462);
+static_assert(offsetof(MiniDlnaConf, model_name) == 590);
+static_assert(offsetof(MiniDlnaConf, model_number) == 718);
+static_assert(offsetof(MiniDlnaConf, inotify) == 846);
+static_assert(offsetof(MiniDlnaConf, notify_interval) == 856);
+static_assert(sizeof(MiniDlnaConf) == 868);
+
+struct SambaConf {
+    int32_t enable;
+    char conf_dir[64];
+    char log_file[64];
+    char max_log_size[32];
+    char log_level[10];
+    char load_printers[10];
+    char printcap_name[64];
+    char printing[10];
+    char security[10];
+    char workgroup[64];
+    char disable_netbios[10];
+    char netbios_name[64];
+    char server_string[64];
+    char usershare_allow_guests[10];
+    char guest_account[64];
+    char interfaces[64];
+    char bind_interfaces_only[10];
+    char username_map[64];
+    char username_map_dir[64];
+};
+static_assert(offsetof(SambaConf, conf_dir) == 4);
+static_assert(offsetof(SambaConf, log_file) == 68);
+static_assert(offsetof(SambaConf, max_log_size) == 132);
+static_assert(offsetof(SambaConf, log_level) == 164);
+static_assert(offsetof(SambaConf, load_printers) == 174);
+static_assert(offsetof(SambaConf, printcap_name) == 184);
+static_assert(offsetof(SambaConf, printing) == 248);
+static_assert(offsetof(SambaConf, security) == 258);
+static_assert(offsetof(SambaConf, workgroup) == 268);
+static_assert(offsetof(SambaConf, disable_netbios) == 332);
+static_assert(offsetof(SambaConf, netbios_name) == 342);
+static_assert(offsetof(SambaConf, server_string) == 406);
+static_assert(offsetof(SambaConf, usershare_allow_guests) == 470);
+static_assert(offsetof(SambaConf, guest_account) == 480);
+static_assert(offsetof(SambaConf, interfaces) == 544);
+static_assert(offsetof(SambaConf, bind_interfaces_only) == 608);
+static_assert(offsetof(SambaConf, username_map) == 618);
+static_assert(offsetof(SambaConf, username_map_dir) == 682);
+static_assert(sizeof(SambaConf) == 748);
+
+inline constexpr std::size_t MOUNT_DISK_PATH_SIZE = 100;
+
+extern char MOUNT_DISK_PATH[MOUNT_DISK_PATH_SIZE];
+extern int32_t StorageServiceNumberOfEntries;
+extern int32_t NUMBER_OF_MAX_TR140_HISTORY_ITEM;
+extern int32_t AUTO_CREATE_USER_ACCESS_DATA;
+extern int32_t USB_SERIAL_ENABLE;
+extern MiniDlnaConf MINIDLNA_CONF;
+extern SambaConf SAMBA_CONF;
+
+// Loads every setting from the settings file: 1 complete, 0 stopped at a missing key.
+int usbmgr_conf_load();
+// Regenerates the settings file from the records; returns the last account lookup.
+int usbmgr_conf_save();
+
+// ---------------------------------------------------------------------------
+// Device tables
+
+struct UsbPhysicalInfo {
+    int32_t index;
+    int32_t tr140_db_address;
+    char attach_device[64];
+    char vendor[64];
+    char model[64];
+    char usb_version[4];
+    char serial_number[64];
+    char firmware_version[64];
+};
+static_assert(offsetof(UsbPhysicalInfo, attach_device) == 8);
+static_assert(offsetof(UsbPhysicalInfo, usb_version) == 200);
+static_assert(offsetof(UsbPhysicalInfo, serial_number) == 204);
+static_assert(sizeof(UsbPhysicalInfo) == 332);
+
+struct UsbVolumeInfo {
+    int32_t index;
+    int32_t tr140_db_address;
+    char name[64];
+};
+static_assert(sizeof(UsbVolumeInfo) == 72);
+
+inline constexpr int USB_TABLE_SIZE = 25;
+extern int USB_PHYSICAL_INFO_MAX;
+extern int USB_VOLUME_INFO_MAX;
+extern UsbPhysicalInfo usb_physical_info[USB_TABLE_SIZE];
+extern UsbVolumeInfo usb_volume_info[USB_TABLE_SIZE];
+
+// Slot for a disk: its own slot if the name is there, else the lowest free one, else -1.
+int db_util_get_usb_physical_info_free_item(const char* device);
+// Slot for a volume, by the same rules.
+int db_util_get_usb_volume_info_free_item(const char* volume);
+// Clears the disk's slot (keeps tr140_db_address): 0, or -1 when not found.
+int db_util_delete_usb_physical_info_item(const char* device);
+// Clears the volume's slot: 0, or -1 when not found.
+int db_util_delete_usb_volume_info_item(const char* volume);
+// Slot whose device name, cut to three characters, equals device; -1.
+int db_util_get_usb_physical_info_index_by_device(const char* device);
+// Slot whose volume name equals volume; -1.
+int db_util_get_usb_volume_info_index_by_device(const char* volume);
+// index field of the first disk whose device list contains name; -1.
+int db_util_get_usb_physical_reference_by_name(const char* name);
+// Logs both tables at DEBUG.
+void db_util_print_usb_physical_info();
+
+// ---------------------------------------------------------------------------
+// Storage history file
+
+struct Tr140ConfKey {
+    int32_t device_id;
+    char item[20];
+    int32_t volume_index;
+    char sub_item[20];
+    int32_t entry_index;
+};
+static_assert(sizeof(Tr140ConfKey) == 56);
+
+// Splits a history key in place; always -1.
+int db_util_tr140_conf_split_key(char* key, Tr140ConfKey* out);
+// First and last device id of the file by line position; always -1.
+int db_util_tr140_conf_get_id_range(int* first, int* last);
+// Device id of serial among ids below the history capacity; -1.
+int db_util_tr140_conf_find_sn(const char* serial);
+// Number of NAME lines of device id.
+int db_util_tr140_conf_count_volumes(int device_id);
+// Drops every line of device id; always -1.
+int db_util_tr140_conf_delete_device(int device_id);
+// Records a disk with its number of volumes; always -1.
+int db_util_tr140_conf_record_new_sn(const char* serial, int volumes);
+// Serial number of the attached disk whose device list contains name; see the rules.
+int db_util_get_device_serial_number(const char* name, char* out);
+int db_util_get_tr140_volume_name(const char* volume, const char* serial, char* out);
+int db_util_get_tr140_physical_name(const char* serial, char* out);
+// 1 enabled, 0 disabled, -1 not found.
+int db_util_get_tr140_volume_status(const char* volume, const char* serial);
+int db_util_get_tr140_name(const char* item, const char* serial, char* out);
+int db_util_get_tr140_enable(const char* item, const char* serial);
+// Stores a volume's enable and (non-empty) name; always -1.
+int db_util_set_tr140_volume_info(const char* serial, const char* volume, int enable, const char* name);
+// Stores a disk's name; always -1.
+int db_util_set_tr140_physical_name(const char* serial, const char* name);
+// Device id of serial among all ids of the file; -1.
+int db_util_get_tr140_device_id_by_serial_number(const char* serial);
+
+// Volume number of a partition name: sda1 is 0.
+int db_util_volume_number(const char* volume);
+
+// Hands the settings and history files to the configuration manager.
+void usbmgr_cfg_save();
+
+#endif

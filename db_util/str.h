@@ -1,0 +1,44 @@
+// Bounded text helpers: every copy and format stops at its destination.
+#ifndef USBMGR_DB_UTIL_STR_H
+#define USBMGR_DB_UTIL_STR_H
+
+#include <cstdarg>
+#include <cstddef>
+#include <cstdio>
+#include <cstring>
+
+namespace usbmgr {
+
+// Copies src into dst, cut to fit and always NUL-terminated; returns dst.
+inline char* copy_bounded(char* dst, std::size_t size, const char* src) {
+    if (size == 0) return dst;
+    std::size_t n = src ? strnlen(src, size - 1) : 0;
+    if (n) std::memcpy(dst, src, n);
+    dst[n] = '\0';
+    return dst;
+}
+
+template <std::size_t N>
+inline char* copy_str(char (&dst)[N], const char* src) {
+    return copy_bounded(dst, N, src);
+}
+
+// Length of a fixed field that may lack its terminator.
+template <std::size_t N>
+inline std::size_t field_len(const char (&field)[N]) {
+    return strnlen(field, N);
+}
+
+// snprintf into a fixed array; returns false when the text was cut.
+template <std::size_t N>
+__attribute__((format(printf, 2, 3))) inline bool format_str(char (&dst)[N], const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(dst, N, fmt, ap);
+    va_end(ap);
+    return n >= 0 && static_cast<std::size_t>(n) < N;
+}
+
+}  // namespace usbmgr
+
+#endif

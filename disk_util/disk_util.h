@@ -1,0 +1,70 @@
+// disk_util: device nodes, mounting and unmounting, queries about the
+// attached disks and volumes, and the start-up scan of disks already there.
+//
+// Device lists ("sda,sda1,sda2") are split in place by the functions that
+// take them: callers pass a copy each time.
+#ifndef USBMGR_DISK_UTIL_H
+#define USBMGR_DISK_UTIL_H
+
+#include <cstdint>
+
+#include "db_util/db_util.h"
+
+inline constexpr const char DISK_UTIL_DEV_PATH[] = "/var/dev";
+inline constexpr const char DISK_UTIL_USB_PORT_PATH[] = "/tmp/usb";
+inline constexpr const char DISK_UTIL_FOLDER_ROOT[] = "/tmp/disk";
+
+// True when name is a kernel device name this daemon handles: letters then
+// digits (sda, sda1, ttyUSB0), at most 31 characters.
+bool disk_util_device_name_ok(const char* name);
+// True when list is a device list: names as above separated by single commas.
+bool disk_util_device_list_ok(const char* list);
+
+// Runs a command: 0, or -1 when it could not start ("run command : %s" when it did).
+int disk_util_exe_command(const usbmgr::CommandLine& command);
+
+// ---------------------------------------------------------------------------
+// Device nodes and mounting
+
+int disk_util_create_dev_folder();   // 0 or errno (17 exists)
+int disk_util_create_root_folder();  // 0 or errno (17 exists)
+int disk_util_dev_node_exist(const char* name);  // 1 exists, 0 not
+int disk_util_create_block_dev_node(const char* name);
+int disk_util_create_usb_serial_dev_node(const char* name);  // 0 made, -1 existed or could not start
+int disk_util_remove_usb_serial_dev_node(const char* name);  // 0, -1 could not start
+int disk_util_remove_dev_node(const char* name);
+int disk_util_is_mounted(const char* path);  // 1 mounted, 0 not
+int disk_util_mount_fs(const char* device, const char* folder);
+int disk_util_umount_fs(const char* folder);
+void disk_util_mount_storage(char* list);
+void disk_util_umount_storage(char* list);
+int disk_util_init_mount_exist_disk();  // always 0
+int remove_all_mount_disk();            // always -1
+
+// ---------------------------------------------------------------------------
+// Queries
+
+struct DiskSize {
+    uint32_t total;  // megabytes
+    uint32_t used;
+};
+
+int disk_util_get_count_of_physical();
+int disk_util_get_physical_name_by_index(int index, char* name, std::size_t size);
+int disk_util_get_count_of_volume();
+int disk_util_get_volume_name_by_index(int index, char* name, std::size_t size);
+int disk_util_get_count_of_folder_by_name(const char* volume);
+int disk_util_get_folder_name_by_index(int index, const char* volume, char* name, std::size_t size);
+DiskSize disk_util_get_disk_size(DiskSize* size, const char* name);
+int disk_util_get_number_of_disk_volume(char* list);
+int disk_util_get_disk_volume_by_index(int index, char* list, char* name, std::size_t size);
+void disk_util_get_storage_file_system(const char* name, char* type, std::size_t size);
+int disk_util_get_usbport(const char* disk, char* port, std::size_t port_size, char* list, std::size_t list_size);
+
+// ---------------------------------------------------------------------------
+// Start-up scan
+
+int usbmgr_scan_exist_device();  // always 0
+int usbmgr_get_usb_descriptor(const char* port, UsbPhysicalInfo* record);  // always 0
+
+#endif

@@ -1,0 +1,131 @@
+#include "test_support.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <sstream>
+
+#include "platform_fake.h"
+
+namespace testing_support {
+
+usbmgr::RunResult FakeRunner::run(const usbmgr::CommandLine& cmd, bool capture) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        calls_.push_back({cmd.text, capture, cmd.argv.empty(), cmd.argv});
+    }
+    usbmgr::RunResult r;
+    if (fail_start || !cmd.valid) return r;
+    if (pass_through && pass_through(cmd.text)) return real_.run(cmd, capture);
+    r.started = true;
+    if (respond) r.output = respond(cmd.text);
+    return r;
+}
+
+std::vector<std::string> FakeRunner::texts() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> out;
+    for (const auto& c : calls_) out.push_back(c.text);
+    return out;
+}
+
+std::vector<FakeRunner::Call> FakeRunner::calls() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return calls_;
+}
+
+void FakeRunner::clear() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    calls_.clear();
+}
+
+void FakeClock::sleep_us(unsigned long us) {
+    {
+        std::lock_guard<std::mutex> lock(mutex_);
+        sleeps_.push_back(us);
+    }
+    if (on_sleep) on_sleep(us);
+}
+
+void FakeClock::arm_alarm(unsigned long us) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    alarms_.push_back(us);
+}
+
+std::vector<unsigned long> FakeClock::sleeps() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return sleeps_;
+}
+
+std::vector<unsigned long> FakeClock::alarms() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return alarms_;
+}
+
+bool is_file_command(const std::string& text) {
+    return text.rfind("cp ", 0) == 0 || text.rfind("mv ", 0) == 0 || text.rfind("rm ", 0) == 0;
+}
+
+Seams::Seams() {
+    fake::reset();
+    empty_dir("/tmp");
+    mkdir("/var/config", 0755);
+    mkdir("/var/dev", 0775);
+    empty_dir("/var/config");
+    empty_dir("/var/dev");
+    runner.pass_through = is_file_command;
+    usbmgr::set_runner(&runner);
+    usbmgr::set_clock(&clock);
+}
+
+Seams::~Seams() {
+    usbmgr::set_runner(nullptr);
+    usbmgr::set_clock(nullptr);
+}
+
+void write_file(const std::string& path, const std::string& text) {
+    std::ofstream f(path, std::ios::binary | std::ios::trunc);
+    f << text;
+}
+
+std::string read_file(const std::string& path) {
+    std::ifstream f(path, std::ios::binary);
+    std::stringstream ss;
+    ss << f.rdbuf();
+    return ss.str();
+}
+
+std::vector<std::string> read_lines(const std::string& path) {
+    std::vector<std::string> lines;
+    std::ifstream f(path, std::ios::binary);
+    std::string line;
+    while (std::getline(f, line)) lines.push_back(line);
+    return lines;
+}
+
+bool file_exists(const std::string& path) { return access(path.c_str(), F_OK) == 0; }
+
+void empty_dir(const std::string& dir) {
+    DIR* d = opendir(dir.c_str());
+    if (!d) return;
+    std::vector<std::string> names;
+    while (dirent* e = readdir(d)) {
+        std::string n = e->d_name;
+        if (n != "." && n != "..") names.push_back(n);
+    }
+    closedir(d);
+    for (const auto& n : names) {
+        std::string p = dir + "/" + n;
+        struct stat st;
+        if (lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode)) {
+            empty_dir(p);
+            rmdir(p.c_str());
+        } else {
+            unlink(p.c_str());
+        }
+    }
+}
+
+}  // namespace testing_support

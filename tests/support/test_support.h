@@ -1,0 +1,80 @@
+// Seams and helpers shared by the unit tests.
+#ifndef USBMGR_TEST_SUPPORT_H
+#define USBMGR_TEST_SUPPORT_H
+
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "db_util/clock.h"
+#include "db_util/runner.h"
+
+namespace testing_support {
+
+// Records every command line; answers from `respond` (empty output by
+// default). Commands for which `pass_through` says true really run (inside
+// the test's private /tmp and /var).
+class FakeRunner final : public usbmgr::CommandRunner {
+public:
+    struct Call {
+        std::string text;
+        bool capture;
+        bool shell;
+        std::vector<std::string> argv;
+    };
+    usbmgr::RunResult run(const usbmgr::CommandLine& cmd, bool capture) override;
+
+    std::vector<std::string> texts() const;
+    std::vector<Call> calls() const;
+    void clear();
+
+    std::function<std::string(const std::string&)> respond;
+    std::function<bool(const std::string&)> pass_through;
+    bool fail_start = false;  // every command fails to start
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<Call> calls_;
+    usbmgr::SystemRunner real_;
+};
+
+// Records sleeps and alarms, returns at once.
+class FakeClock final : public usbmgr::Clock {
+public:
+    void sleep_us(unsigned long us) override;
+    void arm_alarm(unsigned long us) override;
+    std::vector<unsigned long> sleeps() const;
+    std::vector<unsigned long> alarms() const;
+    std::function<void(unsigned long)> on_sleep;  // runs inside each sleep
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<unsigned long> sleeps_;
+    std::vector<unsigned long> alarms_;
+};
+
+// Installs a fake runner and clock for the test's lifetime and clears the
+// bus double; empties the private /tmp and /var/config, /var/dev.
+class Seams {
+public:
+    Seams();
+    ~Seams();
+    FakeRunner runner;
+    FakeClock clock;
+};
+
+// True when the commands of the key=value rewrite (cp, mv, rm of the
+// settings and history files) should really run.
+bool is_file_command(const std::string& text);
+
+void write_file(const std::string& path, const std::string& text);
+std::string read_file(const std::string& path);
+std::vector<std::string> read_lines(const std::string& path);
+bool file_exists(const std::string& path);
+// Removes everything below dir, keeps dir.
+void empty_dir(const std::string& dir);
+
+}  // namespace testing_support
+
+#endif
