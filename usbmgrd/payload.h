@@ -87,6 +87,9 @@ inline constexpr int USBMGR_TR140_KIND_COUNT = 15;
 // Name of change kind k (0 to 14), as logged; nullptr outside.
 const char* usbmgr_tr140_kind_name(int32_t kind);
 
+// Name of a bus code as every failure message prints it; "Unknown" outside 0 to 21.
+const char* usbmgr_iil_err_str(int code);
+
 // One row of the command table: id, handler name and declared payload size.
 struct UsbmgrCommandInfo {
     uint32_t id;

@@ -141,7 +141,7 @@ int OrbIilNotify(OrbIilHandle*, uint32_t id, uint32_t len, const void* payload) 
     return 0;
 }
 
-int OrbIilExecute(OrbIilHandle*, const char*, uint32_t, void*, uint32_t, uint32_t* reply_len) {
+int OrbIilExecute(OrbIilHandle*, const char*, uint32_t, const void*, uint32_t, void*, uint32_t, uint32_t* reply_len) {
     if (reply_len) *reply_len = 0;
     return ORBIIL_UNKNOWN_DST_ID;
 }

@@ -103,12 +103,13 @@ int OrbIilSubscribeEvent(OrbIilHandle *handle, const char *src, uint32_t evt_id)
 /* Sends a declared event to its subscribers. */
 int OrbIilNotify(OrbIilHandle *handle, uint32_t evt_id, uint32_t len, const void *payload);
 /*
- * Runs command cmd_id of daemon dst; payload holds the request (len bytes)
- * and receives at most len bytes of the reply, *reply_len tells how many.
- * Returns the transport's code or the code the serving daemon answered.
+ * Runs command cmd_id of daemon dst with request_len bytes of request; copies
+ * at most reply_size bytes of the reply into reply and its full length into
+ * *reply_len. Returns the transport's code or the code the serving daemon
+ * answered (ORBIIL_UNKNOWN_DST_ID when no daemon owns dst).
  */
-int OrbIilExecute(OrbIilHandle *handle, const char *dst, uint32_t cmd_id, void *payload, uint32_t len,
-                  uint32_t *reply_len);
+int OrbIilExecute(OrbIilHandle *handle, const char *dst, uint32_t cmd_id, const void *request, uint32_t request_len,
+                  void *reply, uint32_t reply_size, uint32_t *reply_len);
 /* 1 while the connection runs, 0 once it is lost or reset. */
 int OrbIilIsRunning(OrbIilHandle *handle);
 /* Disconnects. */
