@@ -37,14 +37,16 @@ static_assert(sizeof(UsbmgrConfItem) == 24);
 // Integer value of key in the settings file: 0 when the file is missing,
 // -1 when the key is, see the key=value reading rules.
 int db_util_config_get_parameter_i(const char* key);
-// String value of key into out (zeroed, at least 128 bytes): 0 found, -1 not.
-int db_util_config_get_parameter_s(const char* key, char* out);
+// String value of key into out: 0 found, -1 not. out is cleared to the value
+// (cut to out_size - 1 characters and terminated) when found, its first four
+// bytes cleared when a line did not match, untouched when the file is missing.
+int db_util_config_get_parameter_s(const char* key, char* out, std::size_t out_size = DB_UTIL_VALUE_SIZE);
 int db_util_tr140_conf_get_parameter_i(const char* key);
-int db_util_tr140_conf_get_parameter_s(const char* key, char* out);
-int db_util_temp_config_get_parameter_s(const char* key, char* out);
+int db_util_tr140_conf_get_parameter_s(const char* key, char* out, std::size_t out_size = DB_UTIL_VALUE_SIZE);
+int db_util_temp_config_get_parameter_s(const char* key, char* out, std::size_t out_size = DB_UTIL_VALUE_SIZE);
 // Integer and string lookups in any file (the five getters above are these).
 int db_util_file_get_parameter_i(const char* path, const char* key);
-int db_util_file_get_parameter_s(const char* path, const char* key, char* out);
+int db_util_file_get_parameter_s(const char* path, const char* key, char* out, std::size_t out_size);
 
 // Splits an indexed key (USBMGR.SAMBA.USER_NAME.7) into item; always -1.
 int db_util_usbmgr_conf_split_item(char* key, UsbmgrConfItem* item);
@@ -54,8 +56,7 @@ int db_util_usbmgr_conf_split_item(char* key, UsbmgrConfItem* item);
 bool db_util_split_line(const char* line, char (&key)[DB_UTIL_KEY_SIZE], char (&value)[DB_UTIL_VALUE_SIZE]);
 
 // Runs a command line (logged "run command : %s" when it started):
-// 0 started, 1 could not start.
-int db_util_exe_command(const char* command);
+// 0 started, 1 could not start (or refused as invalid).
 int db_util_exe_command(const usbmgr::CommandLine& command);
 
 // ---------------------------------------------------------------------------
@@ -206,7 +207,8 @@ struct Tr140ConfKey {
     char sub_item[20];
     int32_t entry_index;
 };
-static_assert(sizeof(Tr140ConfKey) == 56);
+static_assert(offsetof(Tr140ConfKey, volume_index) == 24);
+static_assert(sizeof(Tr140ConfKey) == 52);
 
 // Splits a history key in place; always -1.
 int db_util_tr140_conf_split_key(char* key, Tr140ConfKey* out);
@@ -220,8 +222,14 @@ int db_util_tr140_conf_count_volumes(int device_id);
 int db_util_tr140_conf_delete_device(int device_id);
 // Records a disk with its number of volumes; always -1.
 int db_util_tr140_conf_record_new_sn(const char* serial, int volumes);
-// Serial number of the attached disk whose device list contains name; see the rules.
+// Out buffers of the serial and name getters below hold at least 64 bytes;
+// a longer stored text is cut to 63 characters.
+// Serial number of the attached disk whose device list contains name: 0, or
+// the first character of slot 24's device name when none matches (0 when that
+// slot is free), so callers clear out and look at it.
 int db_util_get_device_serial_number(const char* name, char* out);
+// Names of the record of serial (the "found" state lasts to the end of the
+// file): 0 found, -1 not found or no file.
 int db_util_get_tr140_volume_name(const char* volume, const char* serial, char* out);
 int db_util_get_tr140_physical_name(const char* serial, char* out);
 // 1 enabled, 0 disabled, -1 not found.

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstdarg>
+#include <cstdio>
 #include <cerrno>
 #include <cstring>
 
@@ -37,6 +39,19 @@ private:
 };
 
 }  // namespace
+
+namespace detail {
+int format_into(char* buf, std::size_t size, const char* fmt, ...) {
+    va_list ap;
+    va_start(ap, fmt);
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wformat-nonliteral"
+    int n = std::vsnprintf(buf, size, fmt, ap);
+#pragma GCC diagnostic pop
+    va_end(ap);
+    return n;
+}
+}  // namespace detail
 
 bool shell_word_ok(std::string_view s) {
     if (s.empty() || s.front() == '-') return false;

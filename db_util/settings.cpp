@@ -1,1 +1,221 @@
-// (being written)
+// The daemon's settings: loaded once from the settings file into the
+// records below, written back whole by every command that changes them.
+#include <cstdio>
+#include <cstring>
+#include <memory>
+
+#include "db_util/db_util.h"
+#include "db_util/log.h"
+#include "db_util/runner.h"
+#include "db_util/str.h"
+
+char MOUNT_DISK_PATH[MOUNT_DISK_PATH_SIZE];
+int32_t StorageServiceNumberOfEntries;
+int32_t NUMBER_OF_MAX_TR140_HISTORY_ITEM;
+int32_t AUTO_CREATE_USER_ACCESS_DATA;
+int32_t USB_SERIAL_ENABLE;
+MiniDlnaConf MINIDLNA_CONF;
+SambaConf SAMBA_CONF;
+
+namespace {
+
+constexpr const char kLogModule[] = "db_util.c";
+constexpr int kSambaUserSlots = 25;
+
+// One key of the settings file and the record field it fills.
+struct Setting {
+    const char* key;
+    char* text;         // string setting: its field ...
+    std::size_t size;   // ... and the field's width
+    int32_t* number;    // integer setting
+    const char* fail_key = nullptr;  // key named by the load failure message, when not its own
+};
+
+#define TEXT(k, field) Setting{k, field, sizeof field, nullptr}
+#define NUMBER(k, var) Setting{k, nullptr, 0, &var}
+
+// Load order. The four counters come last, so a load that stops at a missing
+// string key leaves them as they were.
+const Setting kLoadOrder[] = {
+    TEXT("USBMGR.MOUNT_DISK_PATH", MOUNT_DISK_PATH),
+    NUMBER("USBMGR.MINIDLNA.ENABLE", MINIDLNA_CONF.enable),
+    TEXT("USBMGR.MINIDLNA.CONF_DIR", MINIDLNA_CONF.conf_dir),
+    TEXT("USBMGR.MINIDLNA.DB_DIR", MINIDLNA_CONF.db_dir),
+    TEXT("USBMGR.MINIDLNA.LOG_DIR", MINIDLNA_CONF.log_dir),
+    TEXT("USBMGR.MINIDLNA.MEDIA_DIR", MINIDLNA_CONF.media_dir),
+    TEXT("USBMGR.MINIDLNA.LOG_LEVEL", MINIDLNA_CONF.log_level),
+    TEXT("USBMGR.MINIDLNA.ROOT_CONTAINER", MINIDLNA_CONF.root_container),
+    TEXT("USBMGR.MINIDLNA.PORT", MINIDLNA_CONF.port),
+    TEXT("USBMGR.MINIDLNA.FRIENDLY_NAME", MINIDLNA_CONF.friendly_name),
+    TEXT("USBMGR.MINIDLNA.SERIAL", MINIDLNA_CONF.serial),
+    TEXT("USBMGR.MINIDLNA.MODEL_NAME", MINIDLNA_CONF.model_name),
+    TEXT("USBMGR.MINIDLNA.MODEL_NUMBER", MINIDLNA_CONF.model_number),
+    TEXT("USBMGR.MINIDLNA.INOTIFY", MINIDLNA_CONF.inotify),
+    TEXT("USBMGR.MINIDLNA.NOTIFY_INTERVAL", MINIDLNA_CONF.notify_interval),
+    TEXT("USBMGR.SAMBA.CONF_DIR", SAMBA_CONF.conf_dir),
+    NUMBER("USBMGR.SAMBA.ENABLE", SAMBA_CONF.enable),
+    TEXT("USBMGR.SAMBA.LOG_FILE", SAMBA_CONF.log_file),
+    // A missing maximum log size is reported under the log file's key; kept so.
+    Setting{"USBMGR.SAMBA.MAX_LOG_SIZE", SAMBA_CONF.max_log_size, sizeof SAMBA_CONF.max_log_size, nullptr,
+            "USBMGR.SAMBA.LOG_FILE"},
+    TEXT("USBMGR.SAMBA.LOG_LEVEL", SAMBA_CONF.log_level),
+    TEXT("USBMGR.SAMBA.LOAD_PRINTERS", SAMBA_CONF.load_printers),
+    TEXT("USBMGR.SAMBA.PRINTCAP_NAME", SAMBA_CONF.printcap_name),
+    TEXT("USBMGR.SAMBA.PRINTING", SAMBA_CONF.printing),
+    TEXT("USBMGR.SAMBA.SECURITY", SAMBA_CONF.security),
+    TEXT("USBMGR.SAMBA.WORKGROUP", SAMBA_CONF.workgroup),
+    TEXT("USBMGR.SAMBA.DISABLE_NETBIOS", SAMBA_CONF.disable_netbios),
+    TEXT("USBMGR.SAMBA.NETBIOS_NAME", SAMBA_CONF.netbios_name),
+    TEXT("USBMGR.SAMBA.SERVER_STRING", SAMBA_CONF.server_string),
+    TEXT("USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS", SAMBA_CONF.usershare_allow_guests),
+    TEXT("USBMGR.SAMBA.GUEST_ACCOUNT", SAMBA_CONF.guest_account),
+    TEXT("USBMGR.SAMBA.INTERFACES", SAMBA_CONF.interfaces),
+    TEXT("USBMGR.SAMBA.BIND_INTERFACES_ONLY", SAMBA_CONF.bind_interfaces_only),
+    TEXT("USBMGR.SAMBA.USERNAME_MAP", SAMBA_CONF.username_map),
+    TEXT("USBMGR.SAMBA.USERNAME_MAP_DIR", SAMBA_CONF.username_map_dir),
+    NUMBER("USBMGR.NUMBER_OF_SERVICE", StorageServiceNumberOfEntries),
+    NUMBER("USBMGR.NUMBER_OF_HISTORY", NUMBER_OF_MAX_TR140_HISTORY_ITEM),
+    NUMBER("USBMGR.AUTO_CREATE_USER_ACCESS", AUTO_CREATE_USER_ACCESS_DATA),
+    NUMBER("USBMGR.USB_SERIAL.ENABLE", USB_SERIAL_ENABLE),
+};
+
+// Save order: the path, the counters, then MiniDLNA and Samba with their enables first.
+const Setting kSaveOrder[] = {
+    TEXT("USBMGR.MOUNT_DISK_PATH", MOUNT_DISK_PATH),
+    NUMBER("USBMGR.NUMBER_OF_SERVICE", StorageServiceNumberOfEntries),
+    NUMBER("USBMGR.NUMBER_OF_HISTORY", NUMBER_OF_MAX_TR140_HISTORY_ITEM),
+    NUMBER("USBMGR.AUTO_CREATE_USER_ACCESS", AUTO_CREATE_USER_ACCESS_DATA),
+    NUMBER("USBMGR.USB_SERIAL.ENABLE", USB_SERIAL_ENABLE),
+    NUMBER("USBMGR.MINIDLNA.ENABLE", MINIDLNA_CONF.enable),
+    TEXT("USBMGR.MINIDLNA.CONF_DIR", MINIDLNA_CONF.conf_dir),
+    TEXT("USBMGR.MINIDLNA.DB_DIR", MINIDLNA_CONF.db_dir),
+    TEXT("USBMGR.MINIDLNA.LOG_DIR", MINIDLNA_CONF.log_dir),
+    TEXT("USBMGR.MINIDLNA.MEDIA_DIR", MINIDLNA_CONF.media_dir),
+    TEXT("USBMGR.MINIDLNA.LOG_LEVEL", MINIDLNA_CONF.log_level),
+    TEXT("USBMGR.MINIDLNA.ROOT_CONTAINER", MINIDLNA_CONF.root_container),
+    TEXT("USBMGR.MINIDLNA.PORT", MINIDLNA_CONF.port),
+    TEXT("USBMGR.MINIDLNA.FRIENDLY_NAME", MINIDLNA_CONF.friendly_name),
+    TEXT("USBMGR.MINIDLNA.SERIAL", MINIDLNA_CONF.serial),
+    TEXT("USBMGR.MINIDLNA.MODEL_NAME", MINIDLNA_CONF.model_name),
+    TEXT("USBMGR.MINIDLNA.MODEL_NUMBER", MINIDLNA_CONF.model_number),
+    TEXT("USBMGR.MINIDLNA.INOTIFY", MINIDLNA_CONF.inotify),
+    TEXT("USBMGR.MINIDLNA.NOTIFY_INTERVAL", MINIDLNA_CONF.notify_interval),
+    NUMBER("USBMGR.SAMBA.ENABLE", SAMBA_CONF.enable),
+    TEXT("USBMGR.SAMBA.CONF_DIR", SAMBA_CONF.conf_dir),
+    TEXT("USBMGR.SAMBA.LOG_FILE", SAMBA_CONF.log_file),
+    TEXT("USBMGR.SAMBA.MAX_LOG_SIZE", SAMBA_CONF.max_log_size),
+    TEXT("USBMGR.SAMBA.LOG_LEVEL", SAMBA_CONF.log_level),
+    TEXT("USBMGR.SAMBA.LOAD_PRINTERS", SAMBA_CONF.load_printers),
+    TEXT("USBMGR.SAMBA.PRINTCAP_NAME", SAMBA_CONF.printcap_name),
+    TEXT("USBMGR.SAMBA.PRINTING", SAMBA_CONF.printing),
+    TEXT("USBMGR.SAMBA.SECURITY", SAMBA_CONF.security),
+    TEXT("USBMGR.SAMBA.WORKGROUP", SAMBA_CONF.workgroup),
+    TEXT("USBMGR.SAMBA.DISABLE_NETBIOS", SAMBA_CONF.disable_netbios),
+    TEXT("USBMGR.SAMBA.NETBIOS_NAME", SAMBA_CONF.netbios_name),
+    TEXT("USBMGR.SAMBA.SERVER_STRING", SAMBA_CONF.server_string),
+    TEXT("USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS", SAMBA_CONF.usershare_allow_guests),
+    TEXT("USBMGR.SAMBA.GUEST_ACCOUNT", SAMBA_CONF.guest_account),
+    TEXT("USBMGR.SAMBA.INTERFACES", SAMBA_CONF.interfaces),
+    TEXT("USBMGR.SAMBA.BIND_INTERFACES_ONLY", SAMBA_CONF.bind_interfaces_only),
+    TEXT("USBMGR.SAMBA.USERNAME_MAP", SAMBA_CONF.username_map),
+    TEXT("USBMGR.SAMBA.USERNAME_MAP_DIR", SAMBA_CONF.username_map_dir),
+};
+static_assert(sizeof kLoadOrder / sizeof kLoadOrder[0] == 38);
+static_assert(sizeof kSaveOrder / sizeof kSaveOrder[0] == 38);
+
+// Summary block, in its own order: counters, the path and MiniDLNA, Samba.
+const char* const kSummaryCounters[] = {"USBMGR.NUMBER_OF_SERVICE", "USBMGR.NUMBER_OF_HISTORY",
+                                        "USBMGR.AUTO_CREATE_USER_ACCESS", "USBMGR.USB_SERIAL_ENABLE"};
+int32_t* const kSummaryCounterValues[] = {&StorageServiceNumberOfEntries, &NUMBER_OF_MAX_TR140_HISTORY_ITEM,
+                                          &AUTO_CREATE_USER_ACCESS_DATA, &USB_SERIAL_ENABLE};
+
+const char kSeparator[] = "---------------------------------------------------------------------";
+static_assert(sizeof kSeparator == 70);
+
+void log_setting(const Setting& s) {
+    if (s.number)
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "%-38s= %d", s.key, *s.number);
+    else
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "%-38s= %.*s", s.key, static_cast<int>(strnlen(s.text, s.size)), s.text);
+}
+
+void log_summary() {
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
+    for (int i = 0; i < 4; ++i) USBMGR_TRACE(USBMGR_LOG_DEBUG, "%-38s= %d", kSummaryCounters[i], *kSummaryCounterValues[i]);
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
+    // Path and MiniDLNA keys, enable first, in load order (load rows 0 to 14).
+    for (int i = 0; i <= 14; ++i) log_setting(kLoadOrder[i]);
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
+    // Samba keys: enable first, then the rest in field order.
+    log_setting(kLoadOrder[16]);
+    log_setting(kLoadOrder[15]);
+    for (int i = 17; i <= 33; ++i) log_setting(kLoadOrder[i]);
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
+}
+
+struct FileCloser {
+    void operator()(FILE* f) const { std::fclose(f); }
+};
+
+// Runs a file command of the save as the save does: popen, log, pclose.
+bool run_logged(const usbmgr::CommandLine& cmd) {
+    usbmgr::RunResult r = usbmgr::runner().run(cmd, true);
+    if (!r.started) return false;
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "run command : %s", cmd.text.c_str());
+    return true;
+}
+
+}  // namespace
+
+int usbmgr_conf_load() {
+    for (const Setting& s : kLoadOrder) {
+        if (s.number) {
+            *s.number = db_util_config_get_parameter_i(s.key);
+            continue;
+        }
+        std::memset(s.text, 0, s.size);
+        if (db_util_config_get_parameter_s(s.key, s.text, s.size) != 0) {
+            USBMGR_TRACE(USBMGR_LOG_DEBUG, "Load %s = %.*s Fail", s.fail_key ? s.fail_key : s.key,
+                         static_cast<int>(strnlen(s.text, s.size)), s.text);
+            return 0;
+        }
+    }
+    log_summary();
+    return 1;
+}
+
+int usbmgr_conf_save() {
+    if (!run_logged(usbmgr::CommandLine::exec({"cp", USBMGR_CONF_PATH, USBMGR_TEMP_PATH}))) return -1;
+
+    std::unique_ptr<FILE, FileCloser> f(std::fopen(USBMGR_CONF_PATH, "we"));
+    if (!f) return -1;
+    for (const Setting& s : kSaveOrder) {
+        if (s.number)
+            std::fprintf(f.get(), "%s=%d\n", s.key, *s.number);
+        else
+            std::fprintf(f.get(), "%s=%.*s\n", s.key, static_cast<int>(strnlen(s.text, s.size)), s.text);
+    }
+
+    // Samba accounts live only in the file: carry them over from the copy.
+    int result = -1;
+    for (int n = 0; n < kSambaUserSlots; ++n) {
+        char key[DB_UTIL_KEY_SIZE] = {};
+        char value[DB_UTIL_VALUE_SIZE] = {};
+        usbmgr::format_str(key, "USBMGR.SAMBA.USER_NAME.%d", n);
+        result = db_util_temp_config_get_parameter_s(key, value);
+        if (result != 0) continue;
+        std::fprintf(f.get(), "USBMGR.SAMBA.USER_NAME.%d=%s\n", n, value);
+        for (const char* item : {"USER_PASSWORD", "USER_ENABLE"}) {
+            std::memset(key, 0, sizeof key);
+            std::memset(value, 0, sizeof value);
+            usbmgr::format_str(key, "USBMGR.SAMBA.%s.%d", item, n);
+            db_util_temp_config_get_parameter_s(key, value);
+            std::fprintf(f.get(), "USBMGR.SAMBA.%s.%d=%s\n", item, n, value);
+        }
+    }
+    f.reset();
+
+    run_logged(usbmgr::CommandLine::exec({"rm", USBMGR_TEMP_PATH}));
+    usbmgr_cfg_save();
+    return result;
+}

@@ -1,1 +1,432 @@
-// (being written)
+// The storage history file: one record per disk ever attached, keyed by its
+// serial number, holding the names and enables a management agent gave the
+// disk and its volumes. Records are found by order (a record's lines follow
+// its SERIAL_NUMBER line) and rewritten through the temporary file.
+#include <unistd.h>
+
+#include <climits>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "db_util/db_util.h"
+#include "db_util/log.h"
+#include "db_util/runner.h"
+#include "db_util/str.h"
+
+static constexpr const char kLogModule[] = "db_util.c";
+
+namespace {
+
+// Lines written to the file are composed in buffers of this size; a line that
+// would not fit is not written rather than written cut.
+constexpr std::size_t kOutLineSize = 128;
+// Callers hand in name and serial buffers of at least this size.
+constexpr std::size_t kNameOutSize = 64;
+// Serials longer than the device table's field are never recorded.
+constexpr std::size_t kSerialMax = sizeof(UsbPhysicalInfo::serial_number) - 1;
+// "NAME.%d" and "ENABLE.%d" of the volume setter.
+constexpr std::size_t kItemTextSize = 12;
+// Marks an id the range scan did not set (no line, or a single line).
+constexpr int kIdUnset = INT_MIN;
+
+struct FileCloser {
+    void operator()(FILE* f) const { std::fclose(f); }
+};
+using File = std::unique_ptr<FILE, FileCloser>;
+
+File open_file(const char* path, const char* mode) { return File(std::fopen(path, mode)); }
+
+// One line of the history file, split into key and value and the key into its parts.
+struct HistoryLine {
+    char key[DB_UTIL_KEY_SIZE];
+    char value[DB_UTIL_VALUE_SIZE];
+    Tr140ConfKey parts;
+};
+
+void parse_line(const char* line, HistoryLine& out) {
+    db_util_split_line(line, out.key, out.value);
+    char key[DB_UTIL_KEY_SIZE];
+    usbmgr::copy_str(key, out.key);
+    db_util_tr140_conf_split_key(key, &out.parts);
+}
+
+bool is_item(const Tr140ConfKey& parts, const char* item) {
+    return std::strncmp(parts.item, item, sizeof parts.item) == 0;
+}
+
+// "NAME.3" for a NAME line of volume 3, "PNAME" for a line without a volume.
+bool item_text(const Tr140ConfKey& parts, char (&out)[40]) {
+    const int len = static_cast<int>(usbmgr::field_len(parts.item));
+    if (parts.volume_index < 0) return usbmgr::format_str(out, "%.*s", len, parts.item);
+    return usbmgr::format_str(out, "%.*s.%d", len, parts.item, parts.volume_index);
+}
+
+bool line_is_item(const Tr140ConfKey& parts, const char* item) {
+    char text[40] = {};
+    return item_text(parts, text) && std::strcmp(text, item) == 0;
+}
+
+// atoi without its overflow: out-of-range numbers stop at the int limits.
+int to_int(const char* text) {
+    long v = std::strtol(text, nullptr, 10);
+    if (v > INT_MAX) return INT_MAX;
+    if (v < INT_MIN) return INT_MIN;
+    return static_cast<int>(v);
+}
+
+// Writes one line composed in a cleared 128-character buffer; false (and
+// nothing written) when it does not fit.
+__attribute__((format(printf, 2, 3))) bool append_line(FILE* f, const char* fmt, ...) {
+    char line[kOutLineSize] = {};
+    va_list ap;
+    va_start(ap, fmt);
+    int n = std::vsnprintf(line, sizeof line, fmt, ap);
+    va_end(ap);
+    if (n < 0 || static_cast<std::size_t>(n) >= sizeof line) return false;
+    return std::fputs(line, f) >= 0;
+}
+
+// A name stored in a line must not end it early: control characters become '_'.
+template <std::size_t N>
+void copy_line_value(char (&dst)[N], const char* src) {
+    usbmgr::copy_str(dst, src ? src : "");
+    for (std::size_t i = 0; i < N && dst[i] != '\0'; ++i) {
+        unsigned char c = static_cast<unsigned char>(dst[i]);
+        if (c < 0x20 || c == 0x7f) dst[i] = '_';
+    }
+}
+
+void log_missing_file() { USBMGR_TRACE(USBMGR_LOG_DEBUG, "File %s not found ...", TR140_CONF_PATH); }
+
+// Streams the history file through the temporary file; decide(raw line,
+// parsed line, temporary file) writes what is kept or replaced. False when
+// either file could not be opened (nothing changed).
+template <typename Decide>
+bool filter_history(Decide&& decide) {
+    File in = open_file(TR140_CONF_PATH, "re");
+    if (!in) return false;
+    File out = open_file(TR140_TEMP_PATH, "we");
+    if (!out) return false;
+    char line[DB_UTIL_LINE_SIZE];
+    while (std::fgets(line, sizeof line, in.get())) {
+        HistoryLine parsed;
+        parse_line(line, parsed);
+        decide(line, parsed, out.get());
+    }
+    in.reset();
+    out.reset();
+    std::remove(TR140_CONF_PATH);
+    db_util_exe_command(usbmgr::CommandLine::exec({"mv", TR140_TEMP_PATH, TR140_CONF_PATH}));
+    return true;
+}
+
+// Scans for the first line named item after the SERIAL_NUMBER line of
+// serial. Once that line is seen the scan stays "in the record" to the end
+// of the file, so a record lacking the line answers with a later record's.
+template <typename Take>
+int find_in_record(const char* item, const char* serial, Take&& take) {
+    File f = open_file(TR140_CONF_PATH, "re");
+    if (!f) {
+        log_missing_file();
+        return -1;
+    }
+    bool found = false;
+    char line[DB_UTIL_LINE_SIZE];
+    while (std::fgets(line, sizeof line, f.get())) {
+        HistoryLine parsed;
+        parse_line(line, parsed);
+        if (is_item(parsed.parts, "SERIAL_NUMBER") && std::strcmp(parsed.value, serial) == 0) {
+            found = true;
+            continue;
+        }
+        if (found && line_is_item(parsed.parts, item)) return take(parsed.value);
+    }
+    return -1;
+}
+
+// The lines of one volume of a new record.
+void append_volume_lines(FILE* f, int device_id, int volume) {
+    append_line(f, "USBMGR.%d.NAME.%d=\n", device_id, volume);
+    append_line(f, "USBMGR.%d.ENABLE.%d=%d\n", device_id, volume, 1);
+}
+
+void append_record(const char* serial, int device_id, int volumes) {
+    File f = open_file(TR140_CONF_PATH, "r+e");
+    if (!f) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Creat %s Fail ...", TR140_CONF_PATH);
+        return;
+    }
+    std::fseek(f.get(), 0, SEEK_END);
+    // Without its key line the other lines would join the record before it.
+    if (!append_line(f.get(), "USBMGR.%d.SERIAL_NUMBER=%s\n", device_id, serial)) return;
+    append_line(f.get(), "USBMGR.%d.PNAME=\n", device_id);
+    for (int v = 0; v < volumes; ++v) append_volume_lines(f.get(), device_id, v);
+}
+
+}  // namespace
+
+int db_util_tr140_conf_split_key(char* key, Tr140ConfKey* out) {
+    if (out == nullptr) return -1;
+    std::memset(out, 0, sizeof *out);
+    out->device_id = -1;
+    out->volume_index = -1;
+    out->entry_index = -1;
+    if (key == nullptr) return -1;
+    char* save = nullptr;
+    int n = 0;
+    for (char* tok = strtok_r(key, ".", &save); tok != nullptr; tok = strtok_r(nullptr, ".", &save), ++n) {
+        switch (n) {
+            case 1:
+                out->device_id = to_int(tok);
+                break;
+            case 2:
+                usbmgr::copy_str(out->item, tok);
+                break;
+            case 3:
+                out->volume_index = to_int(tok);
+                break;
+            case 4:
+                usbmgr::copy_str(out->sub_item, tok);
+                break;
+            case 5:
+                out->entry_index = to_int(tok);
+                break;
+            default:
+                break;
+        }
+    }
+    return -1;
+}
+
+int db_util_tr140_conf_get_id_range(int* first, int* last) {
+    File f = open_file(TR140_CONF_PATH, "re");
+    if (!f) {
+        log_missing_file();
+        return -1;
+    }
+    // By position: the first line gives first, every later line overwrites last.
+    bool first_line = true;
+    char line[DB_UTIL_LINE_SIZE];
+    while (std::fgets(line, sizeof line, f.get())) {
+        HistoryLine parsed;
+        parse_line(line, parsed);
+        if (first_line) {
+            if (first) *first = parsed.parts.device_id;
+            first_line = false;
+        } else if (last) {
+            *last = parsed.parts.device_id;
+        }
+    }
+    return -1;
+}
+
+int db_util_tr140_conf_find_sn(const char* serial) {
+    if (serial == nullptr) return -1;
+    // Only ids below the capacity are searched, although ids grow past it.
+    for (int n = 0; n < NUMBER_OF_MAX_TR140_HISTORY_ITEM; ++n) {
+        char key[50] = {};
+        char value[DB_UTIL_VALUE_SIZE] = {};
+        if (!usbmgr::format_str(key, "USBMGR.%d.SERIAL_NUMBER", n)) continue;
+        if (db_util_tr140_conf_get_parameter_s(key, value) != 0) continue;
+        if (std::strcmp(value, serial) == 0) return n;
+    }
+    return -1;
+}
+
+int db_util_tr140_conf_count_volumes(int device_id) {
+    // The history capacity doubles as the bound on the volume count.
+    int n = 0;
+    for (; n < NUMBER_OF_MAX_TR140_HISTORY_ITEM; ++n) {
+        char key[50] = {};
+        char value[DB_UTIL_VALUE_SIZE] = {};
+        if (!usbmgr::format_str(key, "USBMGR.%d.NAME.%d", device_id, n)) break;
+        if (db_util_tr140_conf_get_parameter_s(key, value) != 0) break;
+    }
+    return n;
+}
+
+int db_util_tr140_conf_delete_device(int device_id) {
+    filter_history([device_id](const char* raw, const HistoryLine& parsed, FILE* out) {
+        if (parsed.parts.device_id != device_id) std::fputs(raw, out);
+    });
+    return -1;
+}
+
+int db_util_tr140_conf_record_new_sn(const char* serial, int volumes) {
+    if (serial == nullptr) return -1;
+    if (std::strlen(serial) > kSerialMax) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Serial number of %zu characters is too long, not recorded",
+                     std::strlen(serial));
+        return -1;
+    }
+    // The serial stands as a value in a line: no newline or '=' may break it.
+    char sn[kSerialMax + 1] = {};
+    usbmgr::copy_str(sn, serial);
+    usbmgr::sanitize_value_text(sn, sizeof sn);
+
+    int new_id = 0;
+    if (access(TR140_CONF_PATH, F_OK) == 0) {
+        const int known = db_util_tr140_conf_find_sn(sn);
+        if (known != -1) {
+            if (db_util_tr140_conf_count_volumes(known) == volumes) return -1;
+            // Another number of volumes: the old names no longer fit the disk.
+            db_util_tr140_conf_delete_device(known);
+        }
+        int first = kIdUnset;
+        int last = kIdUnset;
+        db_util_tr140_conf_get_id_range(&first, &last);
+        // A file without lines starts again at 0; a single line is its own last.
+        if (first != kIdUnset) {
+            if (last == kIdUnset) last = first;
+            if (last == INT_MAX) {
+                USBMGR_TRACE(USBMGR_LOG_DEBUG, "No device id left after %d, not recorded", last);
+                return -1;
+            }
+            // Counted from the ids, so gaps left by deleted records count as used.
+            if (static_cast<long long>(last) - first + 1 >= NUMBER_OF_MAX_TR140_HISTORY_ITEM)
+                db_util_tr140_conf_delete_device(first);
+            new_id = last + 1;
+        }
+    } else {
+        File created = open_file(TR140_CONF_PATH, "we");
+    }
+    append_record(sn, new_id, volumes);
+    usbmgr_cfg_save();
+    return -1;
+}
+
+int db_util_get_device_serial_number(const char* name, char* out) {
+    if (name == nullptr || out == nullptr) return -1;
+    for (int i = 0; i < USB_TABLE_SIZE; ++i) {
+        const UsbPhysicalInfo& e = usb_physical_info[i];
+        const std::size_t len = usbmgr::field_len(e.attach_device);
+        if (len == 0) continue;
+        char device[sizeof e.attach_device + 1] = {};
+        std::memcpy(device, e.attach_device, len);
+        if (std::strstr(device, name) == nullptr) continue;
+        char serial[sizeof e.serial_number + 1] = {};
+        std::memcpy(serial, e.serial_number, usbmgr::field_len(e.serial_number));
+        usbmgr::copy_bounded(out, kNameOutSize, serial);
+        return 0;
+    }
+    // Not found answers with slot 24's first character: 0 when that slot is
+    // free, so callers look at their cleared buffer instead.
+    return static_cast<unsigned char>(usb_physical_info[USB_TABLE_SIZE - 1].attach_device[0]);
+}
+
+int db_util_get_tr140_name(const char* item, const char* serial, char* out) {
+    if (item == nullptr || serial == nullptr || out == nullptr) return -1;
+    return find_in_record(item, serial, [out](const char* value) {
+        usbmgr::copy_bounded(out, kNameOutSize, value);
+        return 0;
+    });
+}
+
+int db_util_get_tr140_enable(const char* item, const char* serial) {
+    if (item == nullptr || serial == nullptr) return -1;
+    // Only the exact text "0" means disabled.
+    return find_in_record(item, serial, [](const char* value) { return std::strcmp(value, "0") == 0 ? 0 : 1; });
+}
+
+int db_util_get_tr140_volume_name(const char* volume, const char* serial, char* out) {
+    char item[kItemTextSize] = {};
+    if (!usbmgr::format_str(item, "NAME.%d", db_util_volume_number(volume))) return -1;
+    return db_util_get_tr140_name(item, serial, out);
+}
+
+int db_util_get_tr140_physical_name(const char* serial, char* out) {
+    return db_util_get_tr140_name("PNAME", serial, out);
+}
+
+int db_util_get_tr140_volume_status(const char* volume, const char* serial) {
+    char item[kItemTextSize] = {};
+    if (!usbmgr::format_str(item, "ENABLE.%d", db_util_volume_number(volume))) return -1;
+    return db_util_get_tr140_enable(item, serial);
+}
+
+int db_util_set_tr140_volume_info(const char* serial, const char* volume, int enable, const char* name) {
+    if (serial == nullptr) return -1;
+    char name_item[kItemTextSize] = {};
+    char enable_item[kItemTextSize] = {};
+    if (!usbmgr::format_str(name_item, "NAME.%d", db_util_volume_number(volume)) ||
+        !usbmgr::format_str(enable_item, "ENABLE.%d", db_util_volume_number(volume)))
+        return -1;
+    char new_name[DB_UTIL_VALUE_SIZE] = {};
+    copy_line_value(new_name, name);
+
+    bool in_record = false;
+    filter_history([&](const char* raw, const HistoryLine& parsed, FILE* out) {
+        const Tr140ConfKey& k = parsed.parts;
+        if (is_item(k, "SERIAL_NUMBER")) {
+            // Another serial does not end the record: the flag ends at the ENABLE line.
+            if (std::strcmp(parsed.value, serial) == 0) in_record = true;
+            std::fputs(raw, out);
+            return;
+        }
+        if (in_record && line_is_item(k, name_item) && new_name[0] != '\0') {
+            if (!append_line(out, "USBMGR.%d.NAME.%d=%s\n", k.device_id, k.volume_index, new_name))
+                std::fputs(raw, out);
+            return;
+        }
+        if (in_record && line_is_item(k, enable_item)) {
+            if (!append_line(out, "USBMGR.%d.ENABLE.%d=%d\n", k.device_id, k.volume_index, enable))
+                std::fputs(raw, out);
+            in_record = false;
+            return;
+        }
+        std::fputs(raw, out);
+    });
+    return -1;
+}
+
+int db_util_set_tr140_physical_name(const char* serial, const char* name) {
+    if (serial == nullptr) return -1;
+    char new_name[DB_UTIL_VALUE_SIZE] = {};
+    copy_line_value(new_name, name);
+
+    bool in_record = false;
+    filter_history([&](const char* raw, const HistoryLine& parsed, FILE* out) {
+        const Tr140ConfKey& k = parsed.parts;
+        if (is_item(k, "SERIAL_NUMBER")) {
+            if (std::strcmp(parsed.value, serial) == 0) in_record = true;
+            std::fputs(raw, out);
+            return;
+        }
+        if (in_record && line_is_item(k, "PNAME")) {
+            // Even an empty name replaces the old one.
+            if (!append_line(out, "USBMGR.%d.PNAME=%s\n", k.device_id, new_name)) std::fputs(raw, out);
+            in_record = false;
+            return;
+        }
+        std::fputs(raw, out);
+    });
+    return -1;
+}
+
+int db_util_get_tr140_device_id_by_serial_number(const char* serial) {
+    if (serial == nullptr) return -1;
+    int first = kIdUnset;
+    int last = kIdUnset;
+    db_util_tr140_conf_get_id_range(&first, &last);
+    if (first == kIdUnset) return -1;
+    if (last == kIdUnset) last = first;
+    // Every id present in the file, unlike the recording search.
+    for (long long n = first; n <= last; ++n) {
+        char key[100] = {};
+        char value[DB_UTIL_VALUE_SIZE] = {};
+        if (!usbmgr::format_str(key, "USBMGR.%lld.SERIAL_NUMBER", n)) continue;
+        if (db_util_tr140_conf_get_parameter_s(key, value) != 0) continue;
+        if (std::strcmp(value, serial) == 0) return static_cast<int>(n);
+    }
+    return -1;
+}
+
+int db_util_volume_number(const char* volume) {
+    // sda1 is volume 0: the number starts at the fourth character.
+    if (volume == nullptr || strnlen(volume, 3) < 3) return -1;
+    const int n = to_int(volume + 3);
+    return n == INT_MIN ? INT_MIN : n - 1;
+}

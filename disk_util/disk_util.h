@@ -19,6 +19,11 @@ inline constexpr const char DISK_UTIL_FOLDER_ROOT[] = "/tmp/disk";
 bool disk_util_device_name_ok(const char* name);
 // True when list is a device list: names as above separated by single commas.
 bool disk_util_device_list_ok(const char* list);
+// As disk_util_device_list_ok; when false, also logs (ERROR) the first name
+// refused, shown escaped.
+bool disk_util_accept_device_list(const char* list);
+// True when command may run; else logs (ERROR) the refused command line.
+bool disk_util_command_ok(const usbmgr::CommandLine& command);
 
 // Runs a command: 0, or -1 when it could not start ("run command : %s" when it did).
 int disk_util_exe_command(const usbmgr::CommandLine& command);
@@ -60,6 +65,23 @@ int disk_util_get_number_of_disk_volume(char* list);
 int disk_util_get_disk_volume_by_index(int index, char* list, char* name, std::size_t size);
 void disk_util_get_storage_file_system(const char* name, char* type, std::size_t size);
 int disk_util_get_usbport(const char* disk, char* port, std::size_t port_size, char* list, std::size_t list_size);
+
+// ---------------------------------------------------------------------------
+// Port files of /tmp/usb: one per USB port, first line the device list and
+// two more characters ("\r\n").
+
+inline constexpr std::size_t DISK_UTIL_PORT_LINE_SIZE = 50;   // first line as read
+inline constexpr std::size_t DISK_UTIL_SHORT_LIST_SIZE = 20;   // list kept by the start-up walks
+
+// First line of /tmp/usb/<entry> (as fgets into 50 reads it): 0, or -1.
+int disk_util_read_port_line(const char* entry, char (&line)[DISK_UTIL_PORT_LINE_SIZE]);
+// line less its last two characters, cut to fit out.
+void disk_util_port_line_list(const char* line, char* out, std::size_t size);
+
+// Serial adapters listed in /tmp/usb at start-up.
+int disk_util_count_of_exist_usb_serial();
+// 0 and the index-th adapter name into name, or -1.
+int disk_util_get_usb_serial_name_by_index(int index, char* name, std::size_t size);
 
 // ---------------------------------------------------------------------------
 // Start-up scan

@@ -1,1 +1,362 @@
-// (being written)
+// Device nodes in /var/dev, mounting of partitions under the mount root and
+// their unmounting. The truth is always what "ls", "mount" and the folders
+// show; nothing is remembered between calls.
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+
+#include "db_util/clock.h"
+#include "db_util/log.h"
+#include "db_util/runner.h"
+#include "db_util/str.h"
+#include "disk_util/disk_util.h"
+
+static constexpr const char kLogModule[] = "disk_util.c";
+
+namespace {
+
+constexpr std::size_t kCommandSize = 100;   // every composed command line
+constexpr std::size_t kOutputLine = 500;    // first output line of a check
+constexpr std::size_t kUnmountLine = 100;   // lines of the mount listing at shutdown
+constexpr std::size_t kPathSize = 128;      // mount folder and node paths
+constexpr unsigned long kUmountRetryUs = 3000000;
+constexpr std::size_t kMaxNameLen = 31;
+
+struct DirCloser {
+    void operator()(DIR* d) const { closedir(d); }
+};
+using DirPtr = std::unique_ptr<DIR, DirCloser>;
+
+bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+bool is_digit(char c) { return c >= '0' && c <= '9'; }
+
+// Shows a text from outside in a log line: printable ASCII as it is, all
+// else (and quotes, backslashes) escaped, cut to fit.
+template <std::size_t N>
+const char* escaped(const char* s, char (&out)[N]) {
+    std::size_t o = 0;
+    out[0] = '\0';
+    if (!s) return out;
+    for (std::size_t i = 0; s[i] != '\0'; ++i) {
+        unsigned char c = static_cast<unsigned char>(s[i]);
+        char piece[5];
+        if (c >= 0x20 && c < 0x7f && c != '\'' && c != '\\') {
+            piece[0] = static_cast<char>(c);
+            piece[1] = '\0';
+        } else {
+            std::snprintf(piece, sizeof piece, "\\x%02x", c);
+        }
+        std::size_t len = std::strlen(piece);
+        if (o + len + 4 >= N) {  // room for "..." and the terminator
+            std::memcpy(out + o, "...", 3);
+            o += 3;
+            break;
+        }
+        std::memcpy(out + o, piece, len);
+        o += len;
+    }
+    out[o] = '\0';
+    return out;
+}
+
+// Node path /var/dev/<name>.
+template <std::size_t N>
+bool node_path(char (&out)[N], const char* name) {
+    return usbmgr::format_str(out, "%s/%s", DISK_UTIL_DEV_PATH, name);
+}
+
+// The first line of a check's output, as fgets would read it; empty when
+// the command printed nothing or could not start.
+std::string check_first_line(const usbmgr::CommandLine& cmd, bool* started = nullptr) {
+    usbmgr::RunResult r = usbmgr::runner().run(cmd, /*capture=*/true);
+    if (started) *started = r.started;
+    if (!r.started) return std::string();
+    return usbmgr::first_line(r.output, kOutputLine);
+}
+
+// Minor number of a block node: sdb2 is 16 + 2.
+int block_minor(const char* name) {
+    std::size_t len = std::strlen(name);
+    int minor = 0;
+    if (len >= 3) minor = (name[2] - 'a') * 16;
+    if (len >= 4) minor += std::atoi(name + 3);
+    return minor;
+}
+
+// Removes a node with "rm -f"; 0, or -1 when it could not start.
+int remove_node(const char* name) {
+    if (!disk_util_device_name_ok(name)) {
+        char shown[80];
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+        return -1;
+    }
+    char path[kPathSize];
+    node_path(path, name);
+    return disk_util_exe_command(usbmgr::CommandLine::exec({"rm", "-f", path}));
+}
+
+}  // namespace
+
+bool disk_util_device_name_ok(const char* name) {
+    if (!name) return false;
+    std::size_t i = 0;
+    while (name[i] != '\0' && is_letter(name[i])) ++i;
+    if (i == 0) return false;
+    while (name[i] != '\0' && is_digit(name[i])) ++i;
+    return name[i] == '\0' && i <= kMaxNameLen;
+}
+
+bool disk_util_device_list_ok(const char* list) {
+    if (!list || list[0] == '\0') return false;
+    const char* start = list;
+    for (;;) {
+        const char* comma = std::strchr(start, ',');
+        std::size_t len = comma ? static_cast<std::size_t>(comma - start) : std::strlen(start);
+        if (len == 0 || len > kMaxNameLen) return false;
+        char name[kMaxNameLen + 1];
+        std::memcpy(name, start, len);
+        name[len] = '\0';
+        if (!disk_util_device_name_ok(name)) return false;
+        if (!comma) return true;
+        start = comma + 1;
+    }
+}
+
+bool disk_util_accept_device_list(const char* list) {
+    if (disk_util_device_list_ok(list)) return true;
+    // Name the first piece that is not a device name.
+    char piece[256] = {};
+    if (list) {
+        const char* start = list;
+        for (;;) {
+            const char* comma = std::strchr(start, ',');
+            std::size_t len = comma ? static_cast<std::size_t>(comma - start) : std::strlen(start);
+            std::size_t keep = len < sizeof piece - 1 ? len : sizeof piece - 1;
+            std::memcpy(piece, start, keep);
+            piece[keep] = '\0';
+            if (len == 0 || len > kMaxNameLen || !disk_util_device_name_ok(piece) || !comma) break;
+            start = comma + 1;
+        }
+    }
+    char shown[80];
+    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(piece, shown));
+    return false;
+}
+
+bool disk_util_command_ok(const usbmgr::CommandLine& command) {
+    if (command.valid) return true;
+    char shown[160];
+    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing command line '%s'", escaped(command.text.c_str(), shown));
+    return false;
+}
+
+int disk_util_exe_command(const usbmgr::CommandLine& command) {
+    if (!disk_util_command_ok(command)) return -1;
+    usbmgr::RunResult r = usbmgr::runner().run(command, /*capture=*/true);
+    if (!r.started) return -1;
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "run command : %s", command.text.c_str());
+    return 0;
+}
+
+int disk_util_create_dev_folder() {
+    if (::mkdir(DISK_UTIL_DEV_PATH, 0775) != 0) return errno;
+    return 0;
+}
+
+int disk_util_create_root_folder() {
+    if (::mkdir(MOUNT_DISK_PATH, 0775) != 0) return errno;
+    return 0;
+}
+
+int disk_util_dev_node_exist(const char* name) {
+    auto cmd = usbmgr::shell_command<kCommandSize>("ls %s | grep %s 2>&1", DISK_UTIL_DEV_PATH, name);
+    if (!disk_util_command_ok(cmd)) return 0;
+    // grep matches any part of a name: "sda" is taken as existing when only
+    // sda1 is there.
+    return check_first_line(cmd).empty() ? 0 : 1;
+}
+
+int disk_util_create_block_dev_node(const char* name) {
+    if (!disk_util_device_name_ok(name)) {
+        char shown[80];
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+        return -1;
+    }
+    if (disk_util_dev_node_exist(name)) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "the device node %s exist already", name);
+        return -1;
+    }
+    char path[kPathSize];
+    node_path(path, name);
+    return disk_util_exe_command(
+        usbmgr::CommandLine::exec({"mknod", path, "b", "8", std::to_string(block_minor(name))}));
+}
+
+int disk_util_create_usb_serial_dev_node(const char* name) {
+    if (!disk_util_device_name_ok(name)) {
+        char shown[80];
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+        return -1;
+    }
+    if (disk_util_dev_node_exist(name)) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "the device node %s exist already", name);
+        return -1;
+    }
+    int minor = std::strlen(name) > 6 ? std::atoi(name + 6) : 0;
+    char path[kPathSize];
+    node_path(path, name);
+    return disk_util_exe_command(usbmgr::CommandLine::exec({"mknod", path, "c", "188", std::to_string(minor)}));
+}
+
+int disk_util_remove_usb_serial_dev_node(const char* name) { return remove_node(name); }
+
+int disk_util_remove_dev_node(const char* name) { return remove_node(name); }
+
+int disk_util_is_mounted(const char* path) {
+    auto cmd = usbmgr::shell_command<kCommandSize>("mount | grep %s 2>&1", path);
+    if (!disk_util_command_ok(cmd)) return 0;
+    return check_first_line(cmd).empty() ? 0 : 1;
+}
+
+int disk_util_mount_fs(const char* device, const char* folder) {
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount_fs");
+    if (disk_util_is_mounted(folder)) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s already exist", folder);
+        return 0;
+    }
+    usbmgr::runner().run(usbmgr::CommandLine::exec({"mount", "-v", "-t", "auto", device, folder}), /*capture=*/false);
+    if (disk_util_is_mounted(folder)) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s auto %s success", device, folder);
+        return 0;
+    }
+    usbmgr::runner().run(usbmgr::CommandLine::exec({"/bin/ntfs-3g", device, folder}), /*capture=*/false);
+    // The NTFS attempt counts as a success whatever the check shows.
+    disk_util_is_mounted(folder);
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s NTFS %s success", device, folder);
+    return 0;
+}
+
+int disk_util_umount_fs(const char* folder) {
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount_fs");
+    auto check = usbmgr::shell_command<kCommandSize>("mount | grep %s 2>&1", folder);
+    // Without a usable check the loop below could never end.
+    if (!disk_util_command_ok(check)) return -1;
+    auto umount = usbmgr::CommandLine::exec({"umount", folder});
+    for (int count = 1;; ++count) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "try to umount %s , count = %d", folder, count);
+        usbmgr::runner().run(umount, /*capture=*/false);
+        bool started = false;
+        std::string line = check_first_line(check, &started);
+        if (!started) continue;  // retry at once
+        if (line.empty()) break;
+        // Busy: a file is still open on the disk; wait for it to close.
+        usbmgr::sys_clock().sleep_us(kUmountRetryUs);
+    }
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount %s success", folder);
+    return 0;
+}
+
+void disk_util_mount_storage(char* list) {
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount_storage");
+    if (!disk_util_accept_device_list(list)) return;
+
+    if (!DirPtr(opendir(MOUNT_DISK_PATH))) {
+        int err = disk_util_create_root_folder();
+        if (err != 0) {
+            USBMGR_TRACE(USBMGR_LOG_DEBUG, "create folder %s fail .. %d", MOUNT_DISK_PATH, err);
+            return;
+        }
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "create folder %s success", MOUNT_DISK_PATH);
+    }
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "the %s exist.", MOUNT_DISK_PATH);
+
+    char* save = nullptr;
+    char* name = strtok_r(list, ",", &save);
+    if (!name) return;
+    disk_util_create_block_dev_node(name);
+
+    while ((name = strtok_r(nullptr, ",", &save)) != nullptr) {
+        char folder[kPathSize];
+        if (!usbmgr::format_str(folder, "%s/%s", MOUNT_DISK_PATH, name)) {
+            USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing mount folder %s/%s: too long", MOUNT_DISK_PATH, name);
+            continue;
+        }
+        int err = ::mkdir(folder, 0775) != 0 ? errno : 0;
+        if (err != 0 && err != EEXIST) {
+            USBMGR_TRACE(USBMGR_LOG_DEBUG, "create folder %s fail .. %d", folder, err);
+            continue;
+        }
+        if (err == EEXIST)
+            USBMGR_TRACE(USBMGR_LOG_DEBUG, "folder %s exist", folder);
+        else
+            USBMGR_TRACE(USBMGR_LOG_DEBUG, "create folder %s success", folder);
+        disk_util_create_block_dev_node(name);
+        char device[kPathSize];
+        node_path(device, name);
+        disk_util_mount_fs(device, folder);
+    }
+}
+
+void disk_util_umount_storage(char* list) {
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount_storage");
+    if (!disk_util_accept_device_list(list)) return;
+
+    char* save = nullptr;
+    char* name = strtok_r(list, ",", &save);
+    if (!name) return;
+    disk_util_remove_dev_node(name);
+
+    while ((name = strtok_r(nullptr, ",", &save)) != nullptr) {
+        char folder[kPathSize];
+        if (!usbmgr::format_str(folder, "%s/%s", MOUNT_DISK_PATH, name)) {
+            USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing mount folder %s/%s: too long", MOUNT_DISK_PATH, name);
+            continue;
+        }
+        // The unmount only returns once the folder is free.
+        disk_util_umount_fs(folder);
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount %s success", folder);
+        if (::rmdir(folder) == 0)
+            USBMGR_TRACE(USBMGR_LOG_DEBUG, "remove folder %s success", folder);
+        else
+            USBMGR_TRACE(USBMGR_LOG_DEBUG, "remove folder %s fail", folder);
+        disk_util_remove_dev_node(name);
+    }
+}
+
+int disk_util_init_mount_exist_disk() {
+    DirPtr dir(opendir(DISK_UTIL_USB_PORT_PATH));
+    if (!dir) return 0;
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "Check Exist Disk ...");
+    while (dirent* e = readdir(dir.get())) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        char line[DISK_UTIL_PORT_LINE_SIZE] = {};
+        if (disk_util_read_port_line(e->d_name, line) != 0) continue;
+        char list[DISK_UTIL_SHORT_LIST_SIZE] = {};
+        disk_util_port_line_list(line, list, sizeof list);
+        if (std::strstr(list, "sd") != nullptr) disk_util_mount_storage(list);
+    }
+    return 0;
+}
+
+int remove_all_mount_disk() {
+    auto cmd = usbmgr::shell_command<kCommandSize>("mount | grep \"%s\" | awk -F \"[ ]\" '{print $3}' 2>&1",
+                                                   MOUNT_DISK_PATH);
+    if (!disk_util_command_ok(cmd)) return -1;
+    usbmgr::RunResult r = usbmgr::runner().run(cmd, /*capture=*/true);
+    if (!r.started) return -1;
+    for (std::string line : usbmgr::fgets_lines(r.output, kUnmountLine)) {
+        // The line end stays out of the argument: no shell reads these.
+        while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+        if (line.empty()) continue;
+        disk_util_exe_command(usbmgr::CommandLine::exec({"umount", line}));
+        disk_util_exe_command(usbmgr::CommandLine::exec({"rm", "-R", line}));
+    }
+    return -1;
+}

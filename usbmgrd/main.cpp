@@ -1,1 +1,3 @@
-int main() { return 0; }
+#include "usbmgrd/usbmgrd.h"
+
+int main(int argc, char** argv) { return usbmgr_main(argc, argv); }

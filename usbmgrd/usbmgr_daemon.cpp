@@ -1,1 +1,358 @@
-// (being written)
+// Start-up with the readiness hand-shake, the idle loop, and the orderly
+// shutdown on SIGTERM.
+#include <dirent.h>
+#include <poll.h>
+#include <signal.h>
+#include <strings.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "app_util/app_util.h"
+#include "db_util/clock.h"
+#include "db_util/db_util.h"
+#include "db_util/log.h"
+#include "db_util/runner.h"
+#include "db_util/str.h"
+#include "disk_util/disk_util.h"
+#include "usbmgrd/usbmgrd.h"
+
+OrbIilHandle usbmgr_iil_handle;
+// Usable from load time: the watcher thread and early bus events may take it
+// before start-up reaches its initialisation step.
+pthread_mutex_t usbmgr_mutex = PTHREAD_MUTEX_INITIALIZER;
+
+volatile int32_t usbmgr_daemon_signalled;
+volatile int32_t usbmgr_daemon_ready;
+
+namespace {
+
+constexpr const char kLogModule[] = "usbmgrd.c";
+constexpr const char* kLevelNames[] = {"QUITE", "ERROR", "WARNING", "INFO", "DEBUG"};
+constexpr unsigned long kIdlePollUs = 500000;
+
+struct sigaction g_saved_sigchld;
+struct sigaction g_saved_sigalrm;
+
+// SIGTERM asks the main thread for the shutdown; the handler only sets the
+// flag and wakes the thread.
+volatile sig_atomic_t g_term_requested;
+int g_wake_fd = -1;
+
+struct DirCloser {
+    void operator()(DIR* d) const { closedir(d); }
+};
+struct FileCloser {
+    void operator()(FILE* f) const { std::fclose(f); }
+};
+
+// Installs handler for sig; keeps the signal ignored when it was ignored.
+void install_keeping_ignored(int sig, void (*handler)(int)) {
+    struct sigaction sa {};
+    struct sigaction old {};
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    if (sigaction(sig, &sa, &old) == 0 && old.sa_handler == SIG_IGN) sigaction(sig, &old, nullptr);
+}
+
+bool install(int sig, void (*handler)(int), struct sigaction* saved) {
+    struct sigaction sa {};
+    sa.sa_handler = handler;
+    sigemptyset(&sa.sa_mask);
+    return sigaction(sig, &sa, saved) == 0;
+}
+
+// Waits up to us for a wake-up of the main thread.
+void idle_wait(unsigned long us) {
+    if (g_wake_fd < 0) {
+        usbmgr::sys_clock().sleep_us(us);
+        return;
+    }
+    pollfd p{g_wake_fd, POLLIN, 0};
+    if (poll(&p, 1, static_cast<int>(us / 1000)) > 0) {
+        uint64_t v;
+        (void)!read(g_wake_fd, &v, sizeof v);
+    }
+}
+
+[[noreturn]] void error_end() {
+    USBMGR_TRACE(USBMGR_LOG_QUITE, "ORB fault mgt daemon is terminated with error");
+    OrbIilResetLog();
+    _exit(-1);
+}
+
+bool is_pid_name(const char* name) {
+    if (!name[0]) return false;
+    for (const char* p = name; *p; ++p)
+        if (*p < '0' || *p > '9') return false;
+    return true;
+}
+
+}  // namespace
+
+const char* usbmgr_log_level_name(int level) {
+    if (level < 0 || level > 4) return "Unknown";
+    return kLevelNames[level];
+}
+
+int usbmgr_log_level_from_args(int argc, char** argv) {
+    if (argc != 2) return USBMGR_LOG_ERROR;
+    for (int level = 0; level <= 4; ++level)
+        if (strcasecmp(argv[1], kLevelNames[level]) == 0) return level;
+    USBMGR_TRACE(USBMGR_LOG_QUITE, "unknown log level '%s'", argv[1]);
+    return USBMGR_LOG_ERROR;
+}
+
+int usbmgr_reset() { return 1; }
+
+int usbmgr_init() {
+    std::memset(usb_physical_info, 0, sizeof usb_physical_info);
+    std::memset(usb_volume_info, 0, sizeof usb_volume_info);
+    usbmgr_conf_load();
+    return 1;
+}
+
+void usbmgr_daemon_control_handler(int sig) {
+    usbmgr_daemon_signalled = 1;
+    usbmgr_daemon_ready = sig == SIGALRM ? 1 : 0;
+}
+
+int usbmgr_setup_daemon_control() {
+    if (!install(SIGCHLD, usbmgr_daemon_control_handler, &g_saved_sigchld)) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to signal(SIGCHLD)");
+        return 0;
+    }
+    if (!install(SIGALRM, usbmgr_daemon_control_handler, &g_saved_sigalrm)) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to signal(SIGALRM)");
+        return 0;
+    }
+    return 1;
+}
+
+int usbmgr_reset_daemon_control() {
+    if (sigaction(SIGCHLD, &g_saved_sigchld, nullptr) != 0) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to signal(SIGCHLD)");
+        return 0;
+    }
+    if (sigaction(SIGALRM, &g_saved_sigalrm, nullptr) != 0) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to signal(SIGALRM)");
+        return 0;
+    }
+    return 1;
+}
+
+int usbmgr_notify_daemon_initialized() {
+    if (kill(getppid(), SIGALRM) != 0) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to kill(SIGALRM) to parent process, err = %s", std::strerror(errno));
+        return 0;
+    }
+    return 1;
+}
+
+int usbmgr_wait_daemon_initialized() {
+    while (!usbmgr_daemon_signalled) {
+        if (g_term_requested) usbmgr_shutdown();
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "keep waiting");
+        usbmgr::sys_clock().sleep_us(1000000);
+    }
+    OrbIilResetLog();
+    return usbmgr_daemon_ready;
+}
+
+void usbmgr_sigint_handler(int) {
+    // An interactive interrupt neither stops nor disturbs the daemon.
+}
+
+void usbmgr_sigterm_handler(int) {
+    int saved = errno;
+    g_term_requested = 1;
+    if (g_wake_fd >= 0) {
+        uint64_t one = 1;
+        (void)!write(g_wake_fd, &one, sizeof one);
+    }
+    errno = saved;
+}
+
+void usbmgr_kill_login_processes() {
+    std::unique_ptr<DIR, DirCloser> proc(opendir("/proc"));
+    if (!proc) return;
+    while (dirent* e = readdir(proc.get())) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
+        char path[4096];
+        if (!usbmgr::format_str(path, "/proc/%s/status", e->d_name)) continue;
+        std::unique_ptr<FILE, FileCloser> status(std::fopen(path, "re"));
+        if (!status) continue;
+        char line[1000];
+        while (std::fgets(line, sizeof line, status.get())) {
+            if (std::strncmp(line, "Name:", 5) != 0) continue;
+            const char* p = line + 5;
+            while (*p == ' ' || *p == '\t') ++p;
+            char name[1000] = {};
+            usbmgr::copy_str(name, p);
+            std::size_t n = std::strlen(name);
+            if (n > 0) name[n - 1] = '\0';  // the line end
+            // Every sh is killed, not only the daemon's own: logins run under sh.
+            if ((std::strcmp(name, "sh") == 0 || std::strcmp(name, "getty") == 0) && is_pid_name(e->d_name))
+                usbmgr::runner().run(usbmgr::CommandLine::exec({"kill", "-9", e->d_name}), false);
+            break;
+        }
+    }
+}
+
+void usbmgr_shutdown() {
+    app_util_stop_minidllna();
+    app_util_stop_samba();
+    OrbIilReset(&usbmgr_iil_handle);
+    OrbIilResetLog();
+    remove_all_mount_disk();
+    usbmgr::runner().run(usbmgr::shell_command<100>("rm %s/*", DISK_UTIL_DEV_PATH), true);
+    if (FILE* marker = std::fopen(USBMGR_DEVELOP_MARKER, "re")) {
+        // A developer's marker keeps the shells alive.
+        std::fclose(marker);
+    } else {
+        usbmgr_kill_login_processes();
+    }
+    // Other threads still run: leave without exit handlers or destructors.
+    std::fflush(nullptr);
+    _exit(0);
+}
+
+int usbmgr_service_init() {
+    int r = disk_util_create_dev_folder();
+    if (r == 0)
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Create %s success ..", DISK_UTIL_DEV_PATH);
+    else if (r == EEXIST)
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s already exist ..", DISK_UTIL_DEV_PATH);
+    else
+        return 0;
+    r = disk_util_create_root_folder();
+    if (r != 0 && r != EEXIST) return 0;
+    dp_util_evt_buf_init();
+    disk_util_init_mount_exist_disk();
+    usbmgr_scan_exist_device();
+    usbmgr_tr140_db_build();
+    if (MINIDLNA_CONF.enable) app_util_start_minidlna();
+    if (SAMBA_CONF.enable) {
+        app_util_start_samba();
+        app_util_perpare_samba_user(&usbmgr_iil_handle);
+    }
+    // Serial adapters already present get their logins with the serial
+    // console work; nothing is started for them yet.
+    usbmgr_add_folder_watches();
+    return 1;
+}
+
+int usbmgr_main(int argc, char** argv) {
+    const char* base = argc > 0 && argv[0] ? argv[0] : "usbmgrd";
+    for (const char* p = base; *p; ++p)
+        if (*p == '/' || *p == '\\') base = p + 1;
+
+    if (!OrbIilInitLog("usbmgr")) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to OrbIilInitLog(), app_name = %s", base);
+        return -1;
+    }
+    OrbIilSetLogLevel(usbmgr_log_level_from_args(argc, argv));
+
+    g_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    install_keeping_ignored(SIGINT, usbmgr_sigint_handler);
+    install_keeping_ignored(SIGTERM, usbmgr_sigterm_handler);
+
+    if (!usbmgr_reset()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_reset()");
+        return -1;
+    }
+    if (!usbmgr_init()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_init()");
+        return -1;
+    }
+    if (!usbmgr_setup_daemon_control()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_setup_daemon_control()");
+        return -1;
+    }
+
+    pid_t pid = fork();
+    if (pid < 0) {
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "fail to fork(), err = %s", std::strerror(errno));
+        OrbIilResetLog();
+        return -1;
+    }
+    if (pid > 0) return usbmgr_wait_daemon_initialized() == 1 ? 0 : -1;
+
+    USBMGR_TRACE(USBMGR_LOG_QUITE, "ORB usb mgt daemon is running");
+    if (!usbmgr_reset_daemon_control()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_reset_daemon_control()");
+        return -1;
+    }
+    signal(SIGALRM, usbmgr_alarm_handler);
+    usbmgr_deferred_init();
+
+    std::memset(&usbmgr_iil_handle, 0, sizeof usbmgr_iil_handle);
+    int ret = OrbIilInit(&usbmgr_iil_handle, USBMGR_BUS_NAME);
+    if (ret != ORBIIL_OK) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to OrbIilInit(), ret = %s", usbmgr_iil_err_str(ret));
+        error_end();
+    }
+    // Readiness is reported as soon as the connection exists.
+    if (!usbmgr_notify_daemon_initialized()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_notify_daemon_initialized()");
+        error_end();
+    }
+    ret = OrbIilSetCmdHandler(&usbmgr_iil_handle, usbmgr_cmd_table, USBMGR_COMMAND_COUNT);
+    if (ret != ORBIIL_OK) {
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "fail to OrbIilSetCmdHandler(), ret = %s", usbmgr_iil_err_str(ret));
+        error_end();
+    }
+    ret = OrbIilSetEvtHandler(&usbmgr_iil_handle, usbmgr_evt_table, USBMGR_EVENT_COUNT);
+    if (ret != ORBIIL_OK) {
+        // Ends the child with status 0, as the gateway's supervisor expects.
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to OrbIilSetEvtHandler(), ret = %s", usbmgr_iil_err_str(ret));
+        return 0;
+    }
+    if (!usbmgr_issue_event()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_issue_event()");
+        return -1;
+    }
+    int subscribed = usbmgr_subscribe_event();
+    if (!subscribed) {
+        // The name printed is that of the step's own result, so always "OK".
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_subscribe_event(), ret = %s", usbmgr_iil_err_str(subscribed));
+        return 0;
+    }
+    if (!usbmgr_notify_init()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_notify_init()");
+        return -1;
+    }
+    if (!usbmgr_service_init()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_service_init()");
+        return -1;
+    }
+    // The lock is statically initialised (others may hold it by now, and
+    // re-initialising a held mutex would break it); this step checks that
+    // its default attributes can be made.
+    pthread_mutexattr_t attr;
+    if (pthread_mutexattr_init(&attr) != 0) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "mutex init failed");
+        return -1;
+    }
+    pthread_mutexattr_destroy(&attr);
+
+    while (OrbIilIsRunning(&usbmgr_iil_handle) == 1) {
+        if (g_term_requested) usbmgr_shutdown();
+        idle_wait(kIdlePollUs);
+        if (g_term_requested) usbmgr_shutdown();
+    }
+    ret = OrbIilReset(&usbmgr_iil_handle);
+    if (ret != ORBIIL_OK) {
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "fail to OrbIilReset(), ret = %s", usbmgr_iil_err_str(ret));
+        error_end();
+    }
+    USBMGR_TRACE(USBMGR_LOG_QUITE, "ORB fault mgt daemon is terminated");
+    OrbIilResetLog();
+    return 0;
+}

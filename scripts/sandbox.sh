@@ -1,0 +1,176 @@
+#!/bin/bash
+# Runs a command inside a throw-away namespace sandbox that looks enough like
+# the gateway for usbmgrd: private mount, PID, network, UTS and IPC
+# namespaces; tmpfs on /tmp, /var, /run and /etc/samba; /bin/smbd, /bin/nmbd
+# and orbcm_util on the PATH; a private dbus-daemon as the message bus.
+#
+#   scripts/sandbox.sh [--build BUILD_DIR] -- COMMAND...
+#
+# Must run as root. Everything started inside dies with the PID namespace
+# when COMMAND ends. Loop devices are not namespaced: the ones attached
+# through sandbox-lib.sh are recorded and detached here on exit.
+set -euo pipefail
+
+script_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
+source_dir=$(cd "$script_dir/.." && pwd)
+
+die() {
+    echo "sandbox.sh: $*" >&2
+    exit 2
+}
+
+usage() {
+    echo "usage: $0 [--build BUILD_DIR] -- COMMAND..." >&2
+    exit 2
+}
+
+build_dir="${USBMGR_BUILD_DIR:-$source_dir/build}"
+inner=0
+state_dir=""
+while [ $# -gt 0 ]; do
+    case "$1" in
+        --build)
+            [ $# -ge 2 ] || usage
+            build_dir="$2"
+            shift 2
+            ;;
+        --inner)
+            # Set by the outer half only.
+            [ $# -ge 2 ] || usage
+            inner=1
+            state_dir="$2"
+            shift 2
+            ;;
+        --)
+            shift
+            break
+            ;;
+        *)
+            usage
+            ;;
+    esac
+done
+[ $# -gt 0 ] || usage
+[ "$(id -u)" -eq 0 ] || die "must be run as root"
+[ -d "$build_dir" ] || die "no build folder $build_dir"
+build_dir=$(cd "$build_dir" && pwd)
+
+# ---------------------------------------------------------------------------
+# Outer half: on the host. Starts the namespaces and cleans the loop devices.
+if [ "$inner" -eq 0 ]; then
+    host_state=$(mktemp -d "${TMPDIR:-/tmp}/usbmgr-sandbox.XXXXXX")
+    : >"$host_state/loops"
+
+    cleanup() {
+        local dev
+        if [ -f "$host_state/loops" ]; then
+            while read -r dev; do
+                [ -n "$dev" ] || continue
+                # The mounts on it went with the namespace; detach what is left.
+                if losetup "$dev" >/dev/null 2>&1; then
+                    losetup -d "$dev" 2>/dev/null || echo "sandbox.sh: could not detach $dev" >&2
+                fi
+            done <"$host_state/loops"
+        fi
+        rm -rf "$host_state"
+    }
+    trap cleanup EXIT
+
+    rc=0
+    unshare --mount --pid --net --uts --ipc --fork --mount-proc \
+        "$script_dir/sandbox.sh" --build "$build_dir" --inner "$host_state" -- "$@" || rc=$?
+    exit "$rc"
+fi
+
+# ---------------------------------------------------------------------------
+# Inner half: PID 1 of the new namespaces.
+
+# Nothing mounted from here on may leak back to the host.
+mount --make-rprivate /
+ip link set lo up
+hostname gateway
+
+# The host state folder (loop device record) lives under the host's /tmp,
+# which the tmpfs below hides: keep it reachable under /var first.
+mount -t tmpfs -o mode=0755 sandbox-var /var
+mkdir -p /var/lib/sandbox/state
+mount --bind "$state_dir" /var/lib/sandbox/state
+
+mount -t tmpfs -o mode=1777 sandbox-tmp /tmp
+mount -t tmpfs -o mode=0755 sandbox-run /run
+mkdir -p /etc/samba
+mount -t tmpfs -o mode=0755 sandbox-samba /etc/samba
+
+mkdir -p /var/config /var/dev /var/samba /var/log/samba /var/cache/minidlna /var/lib/minidlna \
+    /var/lib/samba/private /var/tmp /run/samba /run/lock /tmp/usb
+ln -s /run /var/run
+ln -s /run/lock /var/lock
+chmod 1777 /var/tmp
+
+# Finds one built file by name and type in the build folder.
+find_built() {
+    find "$build_dir" -name "$1" -type "$2" -not -path '*/CMakeFiles/*' 2>/dev/null | head -n 1
+}
+
+# /bin is /usr/bin here: an overlay adds the programs the gateway has in /bin.
+mkdir -p /var/lib/sandbox/usr-bin/upper /var/lib/sandbox/usr-bin/work
+ln -s /usr/sbin/smbd /var/lib/sandbox/usr-bin/upper/smbd
+ln -s /usr/sbin/nmbd /var/lib/sandbox/usr-bin/upper/nmbd
+orbcm_util=$(find_built orbcm_util f)
+if [ -n "$orbcm_util" ] && [ -x "$orbcm_util" ]; then
+    ln -s "$orbcm_util" /var/lib/sandbox/usr-bin/upper/orbcm_util
+else
+    echo "sandbox.sh: warning: no orbcm_util built in $build_dir" >&2
+fi
+mount -t overlay sandbox-usr-bin \
+    -o lowerdir=/usr/bin,upperdir=/var/lib/sandbox/usr-bin/upper,workdir=/var/lib/sandbox/usr-bin/work /usr/bin
+
+if [ -f "$source_dir/etc/usbmgr.conf" ]; then
+    cp "$source_dir/etc/usbmgr.conf" /var/config/usbmgr.conf
+else
+    echo "sandbox.sh: warning: no $source_dir/etc/usbmgr.conf" >&2
+fi
+
+# A private message bus.
+cat >/var/lib/sandbox/bus.conf <<'EOF'
+<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
+ "http://www.freedesktop.org/standards/dbus/1.0/busconfig.dtd">
+<busconfig>
+  <type>session</type>
+  <listen>unix:path=/run/orbiil-bus</listen>
+  <auth>EXTERNAL</auth>
+  <policy context="default">
+    <allow send_destination="*" eavesdrop="true"/>
+    <allow eavesdrop="true"/>
+    <allow own="*"/>
+  </policy>
+</busconfig>
+EOF
+bus_address=$(dbus-daemon --config-file=/var/lib/sandbox/bus.conf --fork --print-address </dev/null)
+bus_address=${bus_address%%$'\n'*}
+[ -n "$bus_address" ] || die "dbus-daemon gave no address"
+export ORBIIL_BUS_ADDRESS="$bus_address"
+export DBUS_SESSION_BUS_ADDRESS="$bus_address"
+
+# Programs and libraries of the build.
+path_dirs=""
+for prog in usbmgrd usbmgrctl; do
+    found=$(find_built "$prog" f)
+    [ -n "$found" ] && path_dirs="$path_dirs$(dirname "$found"):"
+done
+lib_dirs=""
+for lib in liborbiil.so libdusb.so liborbsm.so; do
+    found=$(find_built "$lib" f)
+    [ -n "$found" ] || found=$(find_built "$lib" l)
+    [ -n "$found" ] && lib_dirs="$lib_dirs$(dirname "$found"):"
+done
+export PATH="$path_dirs$PATH"
+export LD_LIBRARY_PATH="${lib_dirs%:}${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}"
+export USBMGR_BUILD_DIR="$build_dir"
+export USBMGR_SOURCE_DIR="$source_dir"
+export USBMGR_SANDBOX=1
+export USBMGR_SANDBOX_LOOPS=/var/lib/sandbox/state/loops
+export ORBIIL_LOG_FILE=/var/log/usbmgr.log
+
+cd /tmp
+exec "$@"

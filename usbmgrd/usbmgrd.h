@@ -1,0 +1,144 @@
+// usbmgrd: the daemon core. Start-up, the bus binding, device event intake
+// with the deferred reload, and shutdown.
+#ifndef USBMGR_USBMGRD_H
+#define USBMGR_USBMGRD_H
+
+#include <pthread.h>
+
+#include <cstdint>
+
+#include "orbiil.h"
+#include "usbmgrd/payload.h"
+
+// The daemon's bus connection record, cleared before OrbIilInit fills it.
+extern OrbIilHandle usbmgr_iil_handle;
+// The daemon's one lock: device tables, model, settings, ring, server reloads.
+extern pthread_mutex_t usbmgr_mutex;
+
+// ---------------------------------------------------------------------------
+// Start-up and shutdown (usbmgr_daemon.cpp)
+
+inline constexpr const char USBMGR_DEVELOP_MARKER[] = "/tmp/usbmgrd_develop";
+
+extern volatile int32_t usbmgr_daemon_signalled;
+extern volatile int32_t usbmgr_daemon_ready;
+
+// Log level from the command line (argc, argv as main gets them).
+int usbmgr_log_level_from_args(int argc, char** argv);
+// Log level name of index, "Unknown" outside 0 to 4.
+const char* usbmgr_log_level_name(int level);
+
+int usbmgr_reset();
+int usbmgr_init();
+int usbmgr_setup_daemon_control();
+int usbmgr_reset_daemon_control();
+int usbmgr_notify_daemon_initialized();
+int usbmgr_wait_daemon_initialized();
+int usbmgr_service_init();
+void usbmgr_daemon_control_handler(int sig);
+void usbmgr_sigint_handler(int sig);
+void usbmgr_sigterm_handler(int sig);
+// The orderly shutdown that SIGTERM asks for; runs on the main thread.
+void usbmgr_shutdown();
+void usbmgr_kill_login_processes();
+// The whole program; main() returns what this returns.
+int usbmgr_main(int argc, char** argv);
+
+// ---------------------------------------------------------------------------
+// Bus binding (usbmgr_iil.cpp)
+
+inline constexpr const char USBMGR_BUS_NAME[] = "USBMGR_DMON";
+inline constexpr const char DUSB_BUS_NAME[] = "DUSB_DMON";
+
+extern const OrbIilCmdEntry usbmgr_cmd_table[USBMGR_COMMAND_COUNT];
+inline constexpr int USBMGR_EVENT_COUNT = 4;
+extern const OrbIilEvtEntry usbmgr_evt_table[USBMGR_EVENT_COUNT];
+
+int usbmgr_issue_event();
+int usbmgr_subscribe_event();
+int usbmgr_notify_tr140_event(int32_t kind);
+
+// Command handlers (usbmgr_cmd.cpp); each returns 0 and answers in the payload.
+#define USBMGR_CMD_HANDLER(name) int name(OrbIilHandle*, uint32_t, uint32_t, void* payload)
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_minidlna_conf);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_samba_conf);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_usb_serial_enable);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_minidlna_conf);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_samba_conf);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_usb_serial_enable);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_samba_number_of_users);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_samba_user_info);
+USBMGR_CMD_HANDLER(usbmgr_cmd_add_samba_user);
+USBMGR_CMD_HANDLER(usbmgr_cmd_remove_samba_user);
+USBMGR_CMD_HANDLER(usbmgr_cmd_modify_samba_user);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_number_of_storage_servive);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_service);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_capabilities);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_netinfo);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_network_server);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_user_account);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_physical_medium);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_logical_volume);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_logical_volume_folder);
+USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_user_access);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_service);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_netinfo);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_network_server);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_add_storage_user_account);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_remove_storage_user_account);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_modify_storage_user_account);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_physical_medium);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_logical_volume);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_logical_volume_folder);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_add_user_access);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_remove_user_access);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_modify_user_access);
+USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_safe_remove);
+
+// ---------------------------------------------------------------------------
+// Device event intake and deferred processing (usbmgr_event.cpp)
+
+inline constexpr int USBMGR_EVT_BUFFER_SIZE = 10;
+inline constexpr unsigned long USBMGR_RELOAD_DELAY_US = 900000;
+
+struct UsbmgrEvtBuffer {
+    int32_t write_index;
+    int32_t read_index;
+    int32_t kinds[USBMGR_EVT_BUFFER_SIZE];
+};
+extern UsbmgrEvtBuffer usbmgr_evt_buffer;
+extern volatile int32_t usbmgr_evt_in_progress;
+extern volatile int32_t usbmgr_reload_target;  // 1 MiniDLNA, 2 Samba, 3 both
+
+int dp_util_evt_buf_init();
+int dp_util_evt_buf_write(int32_t kind);
+int dp_util_evt_buf_read(int32_t* kind);
+void usbmgr_flush_notify();
+// Sets the reload target and arms the 900 ms alarm.
+void usbmgr_arm_reload(int32_t target);
+
+void print_device_info(const DusbDeviceRecord* record);
+#define USBMGR_EVT_HANDLER(name) int name(OrbIilHandle*, uint32_t, uint32_t len, void* payload)
+USBMGR_EVT_HANDLER(usbmgr_evt_new_storage_interface);
+USBMGR_EVT_HANDLER(usbmgr_evt_remove_storage_interface);
+USBMGR_EVT_HANDLER(usbmgr_evt_new_usb_serial_interface);
+USBMGR_EVT_HANDLER(usbmgr_evt_remove_usb_serial_interface);
+
+// SIGALRM: only wakes the deferred worker.
+void usbmgr_alarm_handler(int sig);
+// The deferred work the alarm asks for: re-arm while a storage event is
+// being handled, else reload the servers and flush the ring.
+void usbmgr_alarm_work();
+// Starts the thread that runs usbmgr_alarm_work on each alarm.
+int usbmgr_deferred_init();
+
+int usbmgr_notify_init();
+void usbmgr_add_folder_watches();
+void usbmgr_remove_folder_watches();
+// Handles one buffer of inotify events as the watcher thread reads them.
+void usbmgr_handle_inotify_events(const char* buf, std::size_t len);
+
+// Storage model rebuild (empty until the model exists).
+void usbmgr_tr140_db_build();
+
+#endif
