@@ -76,14 +76,25 @@ if [ "$inner" -eq 0 ]; then
     }
     trap cleanup EXIT
 
+    # In the background so that a signal to this script is handled at once:
+    # it ends the namespace (--kill-child), then the EXIT trap detaches.
+    unshare --mount --pid --net --uts --ipc --fork --kill-child --mount-proc \
+        "$script_dir/sandbox.sh" --build "$build_dir" --inner "$host_state" -- "$@" <&0 &
+    child=$!
+    trap 'kill -TERM "$child" 2>/dev/null || true' INT TERM HUP
     rc=0
-    unshare --mount --pid --net --uts --ipc --fork --mount-proc \
-        "$script_dir/sandbox.sh" --build "$build_dir" --inner "$host_state" -- "$@" || rc=$?
+    wait "$child" || rc=$?
+    # A trapped signal interrupts wait: wait again for the namespace to end.
+    while kill -0 "$child" 2>/dev/null; do
+        wait "$child" || rc=$?
+    done
     exit "$rc"
 fi
 
 # ---------------------------------------------------------------------------
 # Inner half: PID 1 of the new namespaces.
+
+start_dir=$PWD
 
 # Nothing mounted from here on may leak back to the host.
 mount --make-rprivate /
@@ -172,5 +183,6 @@ export USBMGR_SANDBOX=1
 export USBMGR_SANDBOX_LOOPS=/var/lib/sandbox/state/loops
 export ORBIIL_LOG_FILE=/var/log/usbmgr.log
 
-cd /tmp
+# Stay in the caller's folder when it is still visible (not under /tmp or /var).
+cd "$start_dir" 2>/dev/null || cd /tmp
 exec "$@"

@@ -108,6 +108,12 @@ int usbmgr_log_level_from_args(int argc, char** argv) {
     return USBMGR_LOG_ERROR;
 }
 
+void usbmgr_install_termination_handlers() {
+    if (g_wake_fd < 0) g_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    install_keeping_ignored(SIGINT, usbmgr_sigint_handler);
+    install_keeping_ignored(SIGTERM, usbmgr_sigterm_handler);
+}
+
 int usbmgr_reset() { return 1; }
 
 int usbmgr_init() {
@@ -259,9 +265,7 @@ int usbmgr_main(int argc, char** argv) {
     }
     OrbIilSetLogLevel(usbmgr_log_level_from_args(argc, argv));
 
-    g_wake_fd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    install_keeping_ignored(SIGINT, usbmgr_sigint_handler);
-    install_keeping_ignored(SIGTERM, usbmgr_sigterm_handler);
+    usbmgr_install_termination_handlers();
 
     if (!usbmgr_reset()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_reset()");

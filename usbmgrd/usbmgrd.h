@@ -38,6 +38,8 @@ int usbmgr_service_init();
 void usbmgr_daemon_control_handler(int sig);
 void usbmgr_sigint_handler(int sig);
 void usbmgr_sigterm_handler(int sig);
+// SIGINT and SIGTERM handlers; a signal that was ignored stays ignored.
+void usbmgr_install_termination_handlers();
 // The orderly shutdown that SIGTERM asks for; runs on the main thread.
 void usbmgr_shutdown();
 void usbmgr_kill_login_processes();

@@ -4,6 +4,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include <unistd.h>
+
 namespace fake {
 
 namespace {
@@ -97,6 +99,10 @@ void OrbIilTrace(int level, const char* module, int line, const char* fmt, ...) 
     while (!text.empty() && text.back() == '\n') text.pop_back();
     std::lock_guard<std::recursive_mutex> lock(fake::g_trace_mutex);
     g_bus.log.push_back({level, module ? module : "", line, text});
+    if (g_bus.log_fd >= 0) {
+        std::string out = std::to_string(getpid()) + " " + std::to_string(level) + " " + text + "\n";
+        (void)!write(g_bus.log_fd, out.data(), out.size());
+    }
 }
 
 void OrbIilResetLog(void) { g_bus.log_open = false; }
@@ -146,7 +152,11 @@ int OrbIilExecute(OrbIilHandle*, const char*, uint32_t, const void*, uint32_t, v
     return ORBIIL_UNKNOWN_DST_ID;
 }
 
-int OrbIilIsRunning(OrbIilHandle*) { return g_bus.running ? 1 : 0; }
+int OrbIilIsRunning(OrbIilHandle*) {
+    if (g_bus.running_polls == 0) g_bus.running = false;
+    if (g_bus.running_polls > 0) --g_bus.running_polls;
+    return g_bus.running ? 1 : 0;
+}
 
 int OrbIilReset(OrbIilHandle*) {
     g_bus.running = false;

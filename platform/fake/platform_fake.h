@@ -49,6 +49,8 @@ struct BusState {
     int subscribe_fail_at = -1;
     int notify_code = 0;
     int reset_code = 0;
+    int running_polls = -1;  // OrbIilIsRunning answers 0 after this many polls (-1: never)
+    int log_fd = -1;         // every trace line is also written here (for forked tests)
 };
 
 // The bus double's state; guarded by mutex() when threads are involved.

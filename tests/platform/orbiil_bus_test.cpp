@@ -3,6 +3,7 @@
 // points ORBIIL_BUS_ADDRESS at it.
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -236,6 +237,23 @@ int notifying_handler(OrbIilHandle* handle, uint32_t, uint32_t len, void* payloa
     return 0;
 }
 
+// Records whether the dispatch thread has the daemon's signals blocked.
+std::atomic<int> g_signals_blocked{-1};
+int mask_handler(OrbIilHandle*, uint32_t, uint32_t, void*) {
+    sigset_t set;
+    pthread_sigmask(SIG_BLOCK, nullptr, &set);
+    g_signals_blocked = sigismember(&set, SIGALRM) == 1 && sigismember(&set, SIGTERM) == 1 &&
+                        sigismember(&set, SIGINT) == 1 && sigismember(&set, SIGCHLD) == 1;
+    return 0;
+}
+
+// Tears its own connection down from the dispatch thread.
+std::atomic<int> g_reset_result{-1};
+int resetting_handler(OrbIilHandle* handle, uint32_t, uint32_t, void*) {
+    g_reset_result = OrbIilReset(handle);
+    return 0;
+}
+
 int event_handler(OrbIilHandle*, uint32_t id, uint32_t len, void* payload) {
     std::lock_guard<std::mutex> lk(g_rec.mu);
     auto* p = static_cast<uint8_t*>(payload);
@@ -273,8 +291,9 @@ protected:
     // SRV serves command 5 (192 bytes) with the echo handler.
     void start_echo_server() {
         ASSERT_EQ(OrbIilInit(&server_, "SRV"), ORBIIL_OK);
-        const OrbIilCmdEntry table[] = {{5, echo_handler, 192}, {9, slow_handler, 4}, {4, notifying_handler, 4}};
-        ASSERT_EQ(OrbIilSetCmdHandler(&server_, table, 3), ORBIIL_OK);
+        const OrbIilCmdEntry table[] = {{5, echo_handler, 192},    {9, slow_handler, 4},      {4, notifying_handler, 4},
+                                        {20, mask_handler, 4},     {21, resetting_handler, 4}};
+        ASSERT_EQ(OrbIilSetCmdHandler(&server_, table, 5), ORBIIL_OK);
     }
     void start_client() { ASSERT_EQ(OrbIilInit(&client_, "CLI"), ORBIIL_OK); }
 
@@ -471,6 +490,29 @@ TEST_F(OrbIilBus, HandlerMayNotifyOnItsOwnConnection) {
     ASSERT_TRUE(wait_until([] { return g_rec.event_count() >= 1; }));
     std::lock_guard<std::mutex> lk(g_rec.mu);
     EXPECT_EQ(g_rec.events[0].payload, std::vector<uint8_t>({7, 0, 0, 0}));
+}
+
+TEST_F(OrbIilBus, HandlersRunWithEverySignalBlocked) {
+    start_echo_server();
+    start_client();
+    g_signals_blocked = -1;
+    uint32_t reply_len = 0;
+    ASSERT_EQ(OrbIilExecute(&client_, "SRV", 20, nullptr, 0, nullptr, 0, &reply_len), ORBIIL_OK);
+    EXPECT_EQ(g_signals_blocked.load(), 1);
+}
+
+TEST_F(OrbIilBus, HandlerMayResetItsOwnConnection) {
+    start_echo_server();
+    start_client();
+    g_reset_result = -1;
+    uint32_t reply_len = 0;
+    // The server leaves without answering: the bus tells the caller so.
+    EXPECT_NE(OrbIilExecute(&client_, "SRV", 21, nullptr, 0, nullptr, 0, &reply_len), ORBIIL_OK);
+    // The caller learns of the loss as the connection closes, before the reset returns.
+    EXPECT_TRUE(wait_until([] { return g_reset_result.load() != -1; }));
+    EXPECT_EQ(g_reset_result.load(), ORBIIL_OK);
+    EXPECT_EQ(OrbIilIsRunning(&server_), 0);
+    EXPECT_EQ(OrbIilIsRunning(&client_), 1);
 }
 
 TEST_F(OrbIilBus, BusctlIntrospectListsDaemonInterface) {

@@ -227,7 +227,8 @@ TEST(Mounting, NodeSdaIsSkippedAsExistingWhenOnlySda1IsListed) {
     EXPECT_EQ(disk_util_dev_node_exist("sda"), 1);
     EXPECT_EQ(disk_util_dev_node_exist("sdb"), 0);
     disk_util_create_block_dev_node("sda");
-    std::vector<std::string> expected = {"ls /var/dev | grep sda 2>&1", "ls /var/dev | grep sda 2>&1"};
+    std::vector<std::string> expected = {"ls /var/dev | grep sda 2>&1", "ls /var/dev | grep sdb 2>&1",
+                                         "ls /var/dev | grep sda 2>&1"};
     EXPECT_EQ(seams.runner.texts(), expected);
     EXPECT_TRUE(fake::logged("the device node sda exist already"));
 }

@@ -1,0 +1,223 @@
+// Loading and saving the daemon's settings.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "db_util/db_util.h"
+#include "platform_fake.h"
+#include "test_support.h"
+
+using testing_support::read_lines;
+using testing_support::Seams;
+using testing_support::write_file;
+
+namespace {
+
+std::string factory_text() {
+    std::ifstream f(std::string(USBMGR_SOURCE_DIR) + "/etc/usbmgr.conf");
+    std::string s((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
+    return s;
+}
+
+std::vector<std::string> factory_lines() {
+    std::vector<std::string> lines;
+    std::string text = factory_text(), line;
+    for (char c : text) {
+        if (c == '\n') {
+            lines.push_back(line);
+            line.clear();
+        } else {
+            line += c;
+        }
+    }
+    return lines;
+}
+
+std::string without_line(const std::string& key) {
+    std::string out;
+    for (const auto& l : factory_lines())
+        if (l.rfind(key + "=", 0) != 0) out += l + "\n";
+    return out;
+}
+
+void clear_settings() {
+    std::memset(MOUNT_DISK_PATH, 0, sizeof MOUNT_DISK_PATH);
+    StorageServiceNumberOfEntries = NUMBER_OF_MAX_TR140_HISTORY_ITEM = AUTO_CREATE_USER_ACCESS_DATA = USB_SERIAL_ENABLE = 0;
+    std::memset(&MINIDLNA_CONF, 0, sizeof MINIDLNA_CONF);
+    std::memset(&SAMBA_CONF, 0, sizeof SAMBA_CONF);
+}
+
+std::vector<std::string> load_messages() {
+    std::vector<std::string> out;
+    for (const auto& t : fake::log_texts())
+        if (t.rfind("Load ", 0) == 0) out.push_back(t);
+    return out;
+}
+
+}  // namespace
+
+TEST(Settings, FactoryFileHoldsEveryKeyInSaveOrderAndLoadsWhole) {
+    Seams seams;
+    clear_settings();
+    auto lines = factory_lines();
+    ASSERT_EQ(lines.size(), 38u);
+    write_file(USBMGR_CONF_PATH, factory_text());
+    EXPECT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_STREQ(MOUNT_DISK_PATH, "/tmp/disk");
+    EXPECT_EQ(StorageServiceNumberOfEntries, 1);
+    EXPECT_EQ(SAMBA_CONF.enable, 1);
+    EXPECT_STREQ(SAMBA_CONF.conf_dir, "/etc/samba/smb.conf");
+    EXPECT_STREQ(MINIDLNA_CONF.port, "8200");
+    EXPECT_STREQ(MINIDLNA_CONF.model_name, "Windows Media Connect compatible (MiniDLNA)");
+    EXPECT_TRUE(load_messages().empty());
+    // A save of what was loaded gives the file back line for line.
+    usbmgr_conf_save();
+    EXPECT_EQ(read_lines(USBMGR_CONF_PATH), lines);
+}
+
+TEST(Settings, NoSettingsFileLogsOnlyTheMountPathFailureAndLeavesAllZero) {
+    Seams seams;
+    clear_settings();
+    StorageServiceNumberOfEntries = 0;
+    EXPECT_EQ(usbmgr_conf_load(), 0);
+    EXPECT_EQ(fake::log_texts(), std::vector<std::string>{"Load USBMGR.MOUNT_DISK_PATH =  Fail"});
+    EXPECT_STREQ(MOUNT_DISK_PATH, "");
+    EXPECT_EQ(MINIDLNA_CONF.enable, 0);
+    EXPECT_EQ(StorageServiceNumberOfEntries, 0);
+    EXPECT_EQ(NUMBER_OF_MAX_TR140_HISTORY_ITEM, 0);
+    EXPECT_EQ(AUTO_CREATE_USER_ACCESS_DATA, 0);
+    EXPECT_EQ(USB_SERIAL_ENABLE, 0);
+}
+
+TEST(Settings, MissingMaxLogSizeIsReportedUnderLogFileAndStopsTheLoad) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, without_line("USBMGR.SAMBA.MAX_LOG_SIZE"));
+    EXPECT_EQ(usbmgr_conf_load(), 0);
+    EXPECT_EQ(load_messages(), std::vector<std::string>{"Load USBMGR.SAMBA.LOG_FILE =  Fail"});
+    EXPECT_STREQ(SAMBA_CONF.log_file, "/var/samba/log.%m");
+    EXPECT_STREQ(SAMBA_CONF.log_level, "");
+    EXPECT_STREQ(SAMBA_CONF.username_map_dir, "");
+    EXPECT_EQ(StorageServiceNumberOfEntries, 0);
+    EXPECT_EQ(NUMBER_OF_MAX_TR140_HISTORY_ITEM, 0);
+}
+
+TEST(Settings, MissingHistoryCapacityLoadsAsMinusOne) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, without_line("USBMGR.NUMBER_OF_HISTORY"));
+    EXPECT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_EQ(NUMBER_OF_MAX_TR140_HISTORY_ITEM, -1);
+    EXPECT_EQ(StorageServiceNumberOfEntries, 1);
+}
+
+TEST(Settings, MissingStringKeyNamesItselfInTheFailureMessage) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, without_line("USBMGR.MINIDLNA.PORT"));
+    EXPECT_EQ(usbmgr_conf_load(), 0);
+    EXPECT_EQ(load_messages(), std::vector<std::string>{"Load USBMGR.MINIDLNA.PORT =  Fail"});
+    EXPECT_STREQ(MINIDLNA_CONF.root_container, ".");
+    EXPECT_STREQ(MINIDLNA_CONF.friendly_name, "");
+}
+
+TEST(Settings, CompleteLoadLogsTheSummaryBlock) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text());
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    auto log = fake::log_texts();
+    const std::string sep(69, '-');
+    ASSERT_EQ(log.size(), 4u + 4 + 15 + 19);
+    EXPECT_EQ(log[0], sep);
+    EXPECT_EQ(log[1], "USBMGR.NUMBER_OF_SERVICE              = 1");
+    EXPECT_EQ(log[2], "USBMGR.NUMBER_OF_HISTORY              = 10");
+    EXPECT_EQ(log[3], "USBMGR.AUTO_CREATE_USER_ACCESS        = 0");
+    EXPECT_EQ(log[4], "USBMGR.USB_SERIAL_ENABLE              = 0");
+    EXPECT_EQ(log[5], sep);
+    EXPECT_EQ(log[6], "USBMGR.MOUNT_DISK_PATH                = /tmp/disk");
+    EXPECT_EQ(log[7], "USBMGR.MINIDLNA.ENABLE                = 1");
+    EXPECT_EQ(log[8], "USBMGR.MINIDLNA.CONF_DIR              = /var/minidlna.conf");
+    EXPECT_EQ(log[20], "USBMGR.MINIDLNA.NOTIFY_INTERVAL       = 300");
+    EXPECT_EQ(log[21], sep);
+    EXPECT_EQ(log[22], "USBMGR.SAMBA.ENABLE                   = 1");
+    EXPECT_EQ(log[23], "USBMGR.SAMBA.CONF_DIR                 = /etc/samba/smb.conf");
+    EXPECT_EQ(log[24], "USBMGR.SAMBA.LOG_FILE                 = /var/samba/log.%m");
+    EXPECT_EQ(log[40], "USBMGR.SAMBA.USERNAME_MAP_DIR         = /var/samba/smbusers");
+    EXPECT_EQ(log[41], sep);
+}
+
+TEST(Settings, SaveWritesTheSettingsInSaveOrderThenThreeLinesPerAccount) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text() +
+                                     "USBMGR.SAMBA.USER_NAME.4=dave\nUSBMGR.SAMBA.USER_PASSWORD.4=pw4\n"
+                                     "USBMGR.SAMBA.USER_ENABLE.4=0\nUSBMGR.UNKNOWN=drop\n"
+                                     "USBMGR.SAMBA.USER_NAME.1=bob\nUSBMGR.SAMBA.USER_PASSWORD.1=pw1\n"
+                                     "USBMGR.SAMBA.USER_ENABLE.1=1\nUSBMGR.SAMBA.USER_NAME.25=nobody\n");
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    USB_SERIAL_ENABLE = 1;
+    seams.runner.clear();
+    EXPECT_EQ(usbmgr_conf_save(), -1);  // no account 24
+    auto lines = read_lines(USBMGR_CONF_PATH);
+    auto expected = factory_lines();
+    expected[4] = "USBMGR.USB_SERIAL.ENABLE=1";
+    for (const char* l : {"USBMGR.SAMBA.USER_NAME.1=bob", "USBMGR.SAMBA.USER_PASSWORD.1=pw1",
+                          "USBMGR.SAMBA.USER_ENABLE.1=1", "USBMGR.SAMBA.USER_NAME.4=dave",
+                          "USBMGR.SAMBA.USER_PASSWORD.4=pw4", "USBMGR.SAMBA.USER_ENABLE.4=0"})
+        expected.push_back(l);
+    EXPECT_EQ(lines, expected);
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{"cp /var/config/usbmgr.conf /tmp/usbmgr.temp",
+                                                              "rm /tmp/usbmgr.temp", "orbcm_util cfg save"}));
+    EXPECT_TRUE(fake::logged("run command : cp /var/config/usbmgr.conf /tmp/usbmgr.temp"));
+    EXPECT_TRUE(fake::logged("run command : rm /tmp/usbmgr.temp"));
+    EXPECT_FALSE(testing_support::file_exists(USBMGR_TEMP_PATH));
+}
+
+TEST(Settings, AccountWithoutPasswordLineGetsAnEmptyPasswordLine) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text() + "USBMGR.SAMBA.USER_NAME.3=carol\nUSBMGR.SAMBA.USER_ENABLE.3=1\n");
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    usbmgr_conf_save();
+    auto lines = read_lines(USBMGR_CONF_PATH);
+    ASSERT_EQ(lines.size(), 41u);
+    EXPECT_EQ(lines[38], "USBMGR.SAMBA.USER_NAME.3=carol");
+    EXPECT_EQ(lines[39], "USBMGR.SAMBA.USER_PASSWORD.3=");
+    EXPECT_EQ(lines[40], "USBMGR.SAMBA.USER_ENABLE.3=1");
+}
+
+TEST(Settings, SaveReturnsZeroWhenAccountTwentyFourExists) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text() + "USBMGR.SAMBA.USER_NAME.24=last\n");
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_EQ(usbmgr_conf_save(), 0);
+}
+
+TEST(Settings, SaveThatCannotStartTheCopyChangesNothing) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text());
+    seams.runner.fail_start = true;
+    EXPECT_EQ(usbmgr_conf_save(), -1);
+    EXPECT_EQ(testing_support::read_file(USBMGR_CONF_PATH), factory_text());
+    EXPECT_TRUE(fake::log_texts().empty());
+}
+
+TEST(Settings, OverlongAndBinaryValuesLoadCutToTheirFields) {
+    Seams seams;
+    clear_settings();
+    std::string text = factory_text();
+    auto pos = text.find("USBMGR.MINIDLNA.PORT=8200");
+    text.replace(pos, 25, "USBMGR.MINIDLNA.PORT=" + std::string(120, '9'));
+    pos = text.find("USBMGR.SAMBA.WORKGROUP=WORKGROUP");
+    text.replace(pos, 32, std::string("USBMGR.SAMBA.WORKGROUP=\x01\xfe\x7f", 26));
+    write_file(USBMGR_CONF_PATH, text);
+    EXPECT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_EQ(std::string(MINIDLNA_CONF.port), std::string(9, '9'));
+    EXPECT_EQ(std::string(SAMBA_CONF.workgroup), std::string("\x01\xfe\x7f", 3));
+}
