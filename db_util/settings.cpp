@@ -28,100 +28,61 @@ struct Setting {
     char* text;         // string setting: its field ...
     std::size_t size;   // ... and the field's width
     int32_t* number;    // integer setting
+    int save;           // position in the saved file, from 1
     const char* fail_key = nullptr;  // key named by the load failure message, when not its own
 };
 
-#define TEXT(k, field) Setting{k, field, sizeof field, nullptr}
-#define NUMBER(k, var) Setting{k, nullptr, 0, &var}
+#define TEXT(k, field, save) Setting{k, field, sizeof field, nullptr, save}
+#define NUMBER(k, var, save) Setting{k, nullptr, 0, &var, save}
 
-// Load order. The four counters come last, so a load that stops at a missing
-// string key leaves them as they were.
-const Setting kLoadOrder[] = {
-    TEXT("USBMGR.MOUNT_DISK_PATH", MOUNT_DISK_PATH),
-    NUMBER("USBMGR.MINIDLNA.ENABLE", MINIDLNA_CONF.enable),
-    TEXT("USBMGR.MINIDLNA.CONF_DIR", MINIDLNA_CONF.conf_dir),
-    TEXT("USBMGR.MINIDLNA.DB_DIR", MINIDLNA_CONF.db_dir),
-    TEXT("USBMGR.MINIDLNA.LOG_DIR", MINIDLNA_CONF.log_dir),
-    TEXT("USBMGR.MINIDLNA.MEDIA_DIR", MINIDLNA_CONF.media_dir),
-    TEXT("USBMGR.MINIDLNA.LOG_LEVEL", MINIDLNA_CONF.log_level),
-    TEXT("USBMGR.MINIDLNA.ROOT_CONTAINER", MINIDLNA_CONF.root_container),
-    TEXT("USBMGR.MINIDLNA.PORT", MINIDLNA_CONF.port),
-    TEXT("USBMGR.MINIDLNA.FRIENDLY_NAME", MINIDLNA_CONF.friendly_name),
-    TEXT("USBMGR.MINIDLNA.SERIAL", MINIDLNA_CONF.serial),
-    TEXT("USBMGR.MINIDLNA.MODEL_NAME", MINIDLNA_CONF.model_name),
-    TEXT("USBMGR.MINIDLNA.MODEL_NUMBER", MINIDLNA_CONF.model_number),
-    TEXT("USBMGR.MINIDLNA.INOTIFY", MINIDLNA_CONF.inotify),
-    TEXT("USBMGR.MINIDLNA.NOTIFY_INTERVAL", MINIDLNA_CONF.notify_interval),
-    TEXT("USBMGR.SAMBA.CONF_DIR", SAMBA_CONF.conf_dir),
-    NUMBER("USBMGR.SAMBA.ENABLE", SAMBA_CONF.enable),
-    TEXT("USBMGR.SAMBA.LOG_FILE", SAMBA_CONF.log_file),
+// In load order. The four counters come last, so a load that stops at a
+// missing string key leaves them as they were. The file is written in the
+// order of the save positions: the path, the counters, then MiniDLNA and
+// Samba with their enables first.
+const Setting kSettings[] = {
+    TEXT("USBMGR.MOUNT_DISK_PATH", MOUNT_DISK_PATH, 1),
+    NUMBER("USBMGR.MINIDLNA.ENABLE", MINIDLNA_CONF.enable, 6),
+    TEXT("USBMGR.MINIDLNA.CONF_DIR", MINIDLNA_CONF.conf_dir, 7),
+    TEXT("USBMGR.MINIDLNA.DB_DIR", MINIDLNA_CONF.db_dir, 8),
+    TEXT("USBMGR.MINIDLNA.LOG_DIR", MINIDLNA_CONF.log_dir, 9),
+    TEXT("USBMGR.MINIDLNA.MEDIA_DIR", MINIDLNA_CONF.media_dir, 10),
+    TEXT("USBMGR.MINIDLNA.LOG_LEVEL", MINIDLNA_CONF.log_level, 11),
+    TEXT("USBMGR.MINIDLNA.ROOT_CONTAINER", MINIDLNA_CONF.root_container, 12),
+    TEXT("USBMGR.MINIDLNA.PORT", MINIDLNA_CONF.port, 13),
+    TEXT("USBMGR.MINIDLNA.FRIENDLY_NAME", MINIDLNA_CONF.friendly_name, 14),
+    TEXT("USBMGR.MINIDLNA.SERIAL", MINIDLNA_CONF.serial, 15),
+    TEXT("USBMGR.MINIDLNA.MODEL_NAME", MINIDLNA_CONF.model_name, 16),
+    TEXT("USBMGR.MINIDLNA.MODEL_NUMBER", MINIDLNA_CONF.model_number, 17),
+    TEXT("USBMGR.MINIDLNA.INOTIFY", MINIDLNA_CONF.inotify, 18),
+    TEXT("USBMGR.MINIDLNA.NOTIFY_INTERVAL", MINIDLNA_CONF.notify_interval, 19),
+    TEXT("USBMGR.SAMBA.CONF_DIR", SAMBA_CONF.conf_dir, 21),
+    NUMBER("USBMGR.SAMBA.ENABLE", SAMBA_CONF.enable, 20),
+    TEXT("USBMGR.SAMBA.LOG_FILE", SAMBA_CONF.log_file, 22),
     // A missing maximum log size is reported under the log file's key; kept so.
-    Setting{"USBMGR.SAMBA.MAX_LOG_SIZE", SAMBA_CONF.max_log_size, sizeof SAMBA_CONF.max_log_size, nullptr,
+    Setting{"USBMGR.SAMBA.MAX_LOG_SIZE", SAMBA_CONF.max_log_size, sizeof SAMBA_CONF.max_log_size, nullptr, 23,
             "USBMGR.SAMBA.LOG_FILE"},
-    TEXT("USBMGR.SAMBA.LOG_LEVEL", SAMBA_CONF.log_level),
-    TEXT("USBMGR.SAMBA.LOAD_PRINTERS", SAMBA_CONF.load_printers),
-    TEXT("USBMGR.SAMBA.PRINTCAP_NAME", SAMBA_CONF.printcap_name),
-    TEXT("USBMGR.SAMBA.PRINTING", SAMBA_CONF.printing),
-    TEXT("USBMGR.SAMBA.SECURITY", SAMBA_CONF.security),
-    TEXT("USBMGR.SAMBA.WORKGROUP", SAMBA_CONF.workgroup),
-    TEXT("USBMGR.SAMBA.DISABLE_NETBIOS", SAMBA_CONF.disable_netbios),
-    TEXT("USBMGR.SAMBA.NETBIOS_NAME", SAMBA_CONF.netbios_name),
-    TEXT("USBMGR.SAMBA.SERVER_STRING", SAMBA_CONF.server_string),
-    TEXT("USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS", SAMBA_CONF.usershare_allow_guests),
-    TEXT("USBMGR.SAMBA.GUEST_ACCOUNT", SAMBA_CONF.guest_account),
-    TEXT("USBMGR.SAMBA.INTERFACES", SAMBA_CONF.interfaces),
-    TEXT("USBMGR.SAMBA.BIND_INTERFACES_ONLY", SAMBA_CONF.bind_interfaces_only),
-    TEXT("USBMGR.SAMBA.USERNAME_MAP", SAMBA_CONF.username_map),
-    TEXT("USBMGR.SAMBA.USERNAME_MAP_DIR", SAMBA_CONF.username_map_dir),
-    NUMBER("USBMGR.NUMBER_OF_SERVICE", StorageServiceNumberOfEntries),
-    NUMBER("USBMGR.NUMBER_OF_HISTORY", NUMBER_OF_MAX_TR140_HISTORY_ITEM),
-    NUMBER("USBMGR.AUTO_CREATE_USER_ACCESS", AUTO_CREATE_USER_ACCESS_DATA),
-    NUMBER("USBMGR.USB_SERIAL.ENABLE", USB_SERIAL_ENABLE),
+    TEXT("USBMGR.SAMBA.LOG_LEVEL", SAMBA_CONF.log_level, 24),
+    TEXT("USBMGR.SAMBA.LOAD_PRINTERS", SAMBA_CONF.load_printers, 25),
+    TEXT("USBMGR.SAMBA.PRINTCAP_NAME", SAMBA_CONF.printcap_name, 26),
+    TEXT("USBMGR.SAMBA.PRINTING", SAMBA_CONF.printing, 27),
+    TEXT("USBMGR.SAMBA.SECURITY", SAMBA_CONF.security, 28),
+    TEXT("USBMGR.SAMBA.WORKGROUP", SAMBA_CONF.workgroup, 29),
+    TEXT("USBMGR.SAMBA.DISABLE_NETBIOS", SAMBA_CONF.disable_netbios, 30),
+    TEXT("USBMGR.SAMBA.NETBIOS_NAME", SAMBA_CONF.netbios_name, 31),
+    TEXT("USBMGR.SAMBA.SERVER_STRING", SAMBA_CONF.server_string, 32),
+    TEXT("USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS", SAMBA_CONF.usershare_allow_guests, 33),
+    TEXT("USBMGR.SAMBA.GUEST_ACCOUNT", SAMBA_CONF.guest_account, 34),
+    TEXT("USBMGR.SAMBA.INTERFACES", SAMBA_CONF.interfaces, 35),
+    TEXT("USBMGR.SAMBA.BIND_INTERFACES_ONLY", SAMBA_CONF.bind_interfaces_only, 36),
+    TEXT("USBMGR.SAMBA.USERNAME_MAP", SAMBA_CONF.username_map, 37),
+    TEXT("USBMGR.SAMBA.USERNAME_MAP_DIR", SAMBA_CONF.username_map_dir, 38),
+    NUMBER("USBMGR.NUMBER_OF_SERVICE", StorageServiceNumberOfEntries, 2),
+    NUMBER("USBMGR.NUMBER_OF_HISTORY", NUMBER_OF_MAX_TR140_HISTORY_ITEM, 3),
+    NUMBER("USBMGR.AUTO_CREATE_USER_ACCESS", AUTO_CREATE_USER_ACCESS_DATA, 4),
+    NUMBER("USBMGR.USB_SERIAL.ENABLE", USB_SERIAL_ENABLE, 5),
 };
-
-// Save order: the path, the counters, then MiniDLNA and Samba with their enables first.
-const Setting kSaveOrder[] = {
-    TEXT("USBMGR.MOUNT_DISK_PATH", MOUNT_DISK_PATH),
-    NUMBER("USBMGR.NUMBER_OF_SERVICE", StorageServiceNumberOfEntries),
-    NUMBER("USBMGR.NUMBER_OF_HISTORY", NUMBER_OF_MAX_TR140_HISTORY_ITEM),
-    NUMBER("USBMGR.AUTO_CREATE_USER_ACCESS", AUTO_CREATE_USER_ACCESS_DATA),
-    NUMBER("USBMGR.USB_SERIAL.ENABLE", USB_SERIAL_ENABLE),
-    NUMBER("USBMGR.MINIDLNA.ENABLE", MINIDLNA_CONF.enable),
-    TEXT("USBMGR.MINIDLNA.CONF_DIR", MINIDLNA_CONF.conf_dir),
-    TEXT("USBMGR.MINIDLNA.DB_DIR", MINIDLNA_CONF.db_dir),
-    TEXT("USBMGR.MINIDLNA.LOG_DIR", MINIDLNA_CONF.log_dir),
-    TEXT("USBMGR.MINIDLNA.MEDIA_DIR", MINIDLNA_CONF.media_dir),
-    TEXT("USBMGR.MINIDLNA.LOG_LEVEL", MINIDLNA_CONF.log_level),
-    TEXT("USBMGR.MINIDLNA.ROOT_CONTAINER", MINIDLNA_CONF.root_container),
-    TEXT("USBMGR.MINIDLNA.PORT", MINIDLNA_CONF.port),
-    TEXT("USBMGR.MINIDLNA.FRIENDLY_NAME", MINIDLNA_CONF.friendly_name),
-    TEXT("USBMGR.MINIDLNA.SERIAL", MINIDLNA_CONF.serial),
-    TEXT("USBMGR.MINIDLNA.MODEL_NAME", MINIDLNA_CONF.model_name),
-    TEXT("USBMGR.MINIDLNA.MODEL_NUMBER", MINIDLNA_CONF.model_number),
-    TEXT("USBMGR.MINIDLNA.INOTIFY", MINIDLNA_CONF.inotify),
-    TEXT("USBMGR.MINIDLNA.NOTIFY_INTERVAL", MINIDLNA_CONF.notify_interval),
-    NUMBER("USBMGR.SAMBA.ENABLE", SAMBA_CONF.enable),
-    TEXT("USBMGR.SAMBA.CONF_DIR", SAMBA_CONF.conf_dir),
-    TEXT("USBMGR.SAMBA.LOG_FILE", SAMBA_CONF.log_file),
-    TEXT("USBMGR.SAMBA.MAX_LOG_SIZE", SAMBA_CONF.max_log_size),
-    TEXT("USBMGR.SAMBA.LOG_LEVEL", SAMBA_CONF.log_level),
-    TEXT("USBMGR.SAMBA.LOAD_PRINTERS", SAMBA_CONF.load_printers),
-    TEXT("USBMGR.SAMBA.PRINTCAP_NAME", SAMBA_CONF.printcap_name),
-    TEXT("USBMGR.SAMBA.PRINTING", SAMBA_CONF.printing),
-    TEXT("USBMGR.SAMBA.SECURITY", SAMBA_CONF.security),
-    TEXT("USBMGR.SAMBA.WORKGROUP", SAMBA_CONF.workgroup),
-    TEXT("USBMGR.SAMBA.DISABLE_NETBIOS", SAMBA_CONF.disable_netbios),
-    TEXT("USBMGR.SAMBA.NETBIOS_NAME", SAMBA_CONF.netbios_name),
-    TEXT("USBMGR.SAMBA.SERVER_STRING", SAMBA_CONF.server_string),
-    TEXT("USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS", SAMBA_CONF.usershare_allow_guests),
-    TEXT("USBMGR.SAMBA.GUEST_ACCOUNT", SAMBA_CONF.guest_account),
-    TEXT("USBMGR.SAMBA.INTERFACES", SAMBA_CONF.interfaces),
-    TEXT("USBMGR.SAMBA.BIND_INTERFACES_ONLY", SAMBA_CONF.bind_interfaces_only),
-    TEXT("USBMGR.SAMBA.USERNAME_MAP", SAMBA_CONF.username_map),
-    TEXT("USBMGR.SAMBA.USERNAME_MAP_DIR", SAMBA_CONF.username_map_dir),
-};
-static_assert(sizeof kLoadOrder / sizeof kLoadOrder[0] == 38);
-static_assert(sizeof kSaveOrder / sizeof kSaveOrder[0] == 38);
+constexpr int kSettingCount = 38;
+static_assert(sizeof kSettings / sizeof kSettings[0] == kSettingCount);
 
 // Summary block, in its own order: counters, the path and MiniDLNA, Samba.
 const char* const kSummaryCounters[] = {"USBMGR.NUMBER_OF_SERVICE", "USBMGR.NUMBER_OF_HISTORY",
@@ -144,13 +105,19 @@ void log_summary() {
     for (int i = 0; i < 4; ++i) USBMGR_TRACE(USBMGR_LOG_DEBUG, "%-38s= %d", kSummaryCounters[i], *kSummaryCounterValues[i]);
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
     // Path and MiniDLNA keys, enable first, in load order (load rows 0 to 14).
-    for (int i = 0; i <= 14; ++i) log_setting(kLoadOrder[i]);
+    for (int i = 0; i <= 14; ++i) log_setting(kSettings[i]);
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
     // Samba keys: enable first, then the rest in field order.
-    log_setting(kLoadOrder[16]);
-    log_setting(kLoadOrder[15]);
-    for (int i = 17; i <= 33; ++i) log_setting(kLoadOrder[i]);
+    log_setting(kSettings[16]);
+    log_setting(kSettings[15]);
+    for (int i = 17; i <= 33; ++i) log_setting(kSettings[i]);
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
+}
+
+const Setting& setting_at(int save_pos) {
+    for (const Setting& s : kSettings)
+        if (s.save == save_pos) return s;
+    return kSettings[0];  // unreachable: the positions are 1 to 38
 }
 
 struct FileCloser {
@@ -168,7 +135,7 @@ bool run_logged(const usbmgr::CommandLine& cmd) {
 }  // namespace
 
 int usbmgr_conf_load() {
-    for (const Setting& s : kLoadOrder) {
+    for (const Setting& s : kSettings) {
         if (s.number) {
             *s.number = db_util_config_get_parameter_i(s.key);
             continue;
@@ -189,7 +156,8 @@ int usbmgr_conf_save() {
 
     std::unique_ptr<FILE, FileCloser> f(std::fopen(USBMGR_CONF_PATH, "we"));
     if (!f) return -1;
-    for (const Setting& s : kSaveOrder) {
+    for (int pos = 1; pos <= kSettingCount; ++pos) {
+        const Setting& s = setting_at(pos);
         if (s.number)
             std::fprintf(f.get(), "%s=%d\n", s.key, *s.number);
         else

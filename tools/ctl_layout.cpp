@@ -12,58 +12,6 @@ namespace usbmgrctl {
 
 namespace {
 
-// Replies of commands 2 and 3: the daemon's settings records as they travel.
-struct MiniDlnaConfReply {
-    int32_t enable;
-    char conf_path[64];
-    char db_dir[64];
-    char log_dir[64];
-    char media_dir[64];
-    char log_level[64];
-    char root_container[64];
-    char port[10];
-    char friendly_name[64];
-    char serial[128];
-    char model_name[128];
-    char model_number[128];
-    char inotify[10];
-    char notify_interval[10];
-};
-static_assert(offsetof(MiniDlnaConfReply, db_dir) == 68 && offsetof(MiniDlnaConfReply, port) == 388 &&
-              offsetof(MiniDlnaConfReply, friendly_name) == 398 && offsetof(MiniDlnaConfReply, serial) == 462 &&
-              offsetof(MiniDlnaConfReply, model_name) == 590 && offsetof(MiniDlnaConfReply, model_number) == 718 &&
-              offsetof(MiniDlnaConfReply, inotify) == 846 && offsetof(MiniDlnaConfReply, notify_interval) == 856 &&
-              sizeof(MiniDlnaConfReply) == 868);
-
-struct SambaConfReply {
-    int32_t enable;
-    char conf_path[64];
-    char log_file[64];
-    char max_log_size[32];
-    char log_level[10];
-    char load_printers[10];
-    char printcap_name[64];
-    char printing[10];
-    char security[10];
-    char workgroup[64];
-    char disable_netbios[10];
-    char netbios_name[64];
-    char server_string[64];
-    char usershare_allow_guests[10];
-    char guest_account[64];
-    char interfaces[64];
-    char bind_interfaces_only[10];
-    char user_map_account[64];
-    char user_map_file[64];
-};
-static_assert(offsetof(SambaConfReply, log_file) == 68 && offsetof(SambaConfReply, max_log_size) == 132 &&
-              offsetof(SambaConfReply, log_level) == 164 && offsetof(SambaConfReply, printcap_name) == 184 &&
-              offsetof(SambaConfReply, security) == 258 && offsetof(SambaConfReply, workgroup) == 268 &&
-              offsetof(SambaConfReply, netbios_name) == 342 && offsetof(SambaConfReply, usershare_allow_guests) == 470 &&
-              offsetof(SambaConfReply, guest_account) == 480 && offsetof(SambaConfReply, interfaces) == 544 &&
-              offsetof(SambaConfReply, bind_interfaces_only) == 608 && offsetof(SambaConfReply, user_map_account) == 618 &&
-              offsetof(SambaConfReply, user_map_file) == 682 && sizeof(SambaConfReply) == 748);
-
 template <typename T>
 constexpr FieldType field_type() {
     if constexpr (std::is_array_v<T>) {
@@ -81,26 +29,26 @@ constexpr FieldType field_type() {
     Field { #m, static_cast<uint32_t>(offsetof(S, m)), field_type<decltype(S::m)>(), static_cast<uint32_t>(sizeof(S::m)) }
 
 const Field kMiniDlna[] = {
-    CTL_FIELD(MiniDlnaConfReply, enable),        CTL_FIELD(MiniDlnaConfReply, conf_path),
-    CTL_FIELD(MiniDlnaConfReply, db_dir),        CTL_FIELD(MiniDlnaConfReply, log_dir),
-    CTL_FIELD(MiniDlnaConfReply, media_dir),     CTL_FIELD(MiniDlnaConfReply, log_level),
-    CTL_FIELD(MiniDlnaConfReply, root_container), CTL_FIELD(MiniDlnaConfReply, port),
-    CTL_FIELD(MiniDlnaConfReply, friendly_name), CTL_FIELD(MiniDlnaConfReply, serial),
-    CTL_FIELD(MiniDlnaConfReply, model_name),    CTL_FIELD(MiniDlnaConfReply, model_number),
-    CTL_FIELD(MiniDlnaConfReply, inotify),       CTL_FIELD(MiniDlnaConfReply, notify_interval),
+    CTL_FIELD(MiniDlnaConf, enable),        CTL_FIELD(MiniDlnaConf, conf_dir),
+    CTL_FIELD(MiniDlnaConf, db_dir),        CTL_FIELD(MiniDlnaConf, log_dir),
+    CTL_FIELD(MiniDlnaConf, media_dir),     CTL_FIELD(MiniDlnaConf, log_level),
+    CTL_FIELD(MiniDlnaConf, root_container), CTL_FIELD(MiniDlnaConf, port),
+    CTL_FIELD(MiniDlnaConf, friendly_name), CTL_FIELD(MiniDlnaConf, serial),
+    CTL_FIELD(MiniDlnaConf, model_name),    CTL_FIELD(MiniDlnaConf, model_number),
+    CTL_FIELD(MiniDlnaConf, inotify),       CTL_FIELD(MiniDlnaConf, notify_interval),
 };
 
 const Field kSamba[] = {
-    CTL_FIELD(SambaConfReply, enable),           CTL_FIELD(SambaConfReply, conf_path),
-    CTL_FIELD(SambaConfReply, log_file),         CTL_FIELD(SambaConfReply, max_log_size),
-    CTL_FIELD(SambaConfReply, log_level),        CTL_FIELD(SambaConfReply, load_printers),
-    CTL_FIELD(SambaConfReply, printcap_name),    CTL_FIELD(SambaConfReply, printing),
-    CTL_FIELD(SambaConfReply, security),         CTL_FIELD(SambaConfReply, workgroup),
-    CTL_FIELD(SambaConfReply, disable_netbios),  CTL_FIELD(SambaConfReply, netbios_name),
-    CTL_FIELD(SambaConfReply, server_string),    CTL_FIELD(SambaConfReply, usershare_allow_guests),
-    CTL_FIELD(SambaConfReply, guest_account),    CTL_FIELD(SambaConfReply, interfaces),
-    CTL_FIELD(SambaConfReply, bind_interfaces_only), CTL_FIELD(SambaConfReply, user_map_account),
-    CTL_FIELD(SambaConfReply, user_map_file),
+    CTL_FIELD(SambaConf, enable),           CTL_FIELD(SambaConf, conf_dir),
+    CTL_FIELD(SambaConf, log_file),         CTL_FIELD(SambaConf, max_log_size),
+    CTL_FIELD(SambaConf, log_level),        CTL_FIELD(SambaConf, load_printers),
+    CTL_FIELD(SambaConf, printcap_name),    CTL_FIELD(SambaConf, printing),
+    CTL_FIELD(SambaConf, security),         CTL_FIELD(SambaConf, workgroup),
+    CTL_FIELD(SambaConf, disable_netbios),  CTL_FIELD(SambaConf, netbios_name),
+    CTL_FIELD(SambaConf, server_string),    CTL_FIELD(SambaConf, usershare_allow_guests),
+    CTL_FIELD(SambaConf, guest_account),    CTL_FIELD(SambaConf, interfaces),
+    CTL_FIELD(SambaConf, bind_interfaces_only), CTL_FIELD(SambaConf, username_map),
+    CTL_FIELD(SambaConf, username_map_dir),
 };
 
 // Command 4 carries only the switch; its status word belongs to command 7.

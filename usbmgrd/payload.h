@@ -102,6 +102,82 @@ extern const UsbmgrCommandInfo usbmgr_command_info[USBMGR_COMMAND_COUNT];
 const UsbmgrCommandInfo* usbmgr_command_find(uint32_t id);
 
 // ---------------------------------------------------------------------------
+// Settings records of the media and file servers; also the replies of
+// commands 2 and 3, whose first path field is left as the request had it.
+
+struct MiniDlnaConf {
+    int32_t enable;
+    char conf_dir[64];
+    char db_dir[64];
+    char log_dir[64];
+    char media_dir[64];
+    char log_level[64];
+    char root_container[64];
+    char port[10];
+    char friendly_name[64];
+    char serial[128];
+    char model_name[128];
+    char model_number[128];
+    char inotify[10];
+    char notify_interval[10];
+};
+static_assert(offsetof(MiniDlnaConf, conf_dir) == 4);
+static_assert(offsetof(MiniDlnaConf, db_dir) == 68);
+static_assert(offsetof(MiniDlnaConf, log_dir) == 132);
+static_assert(offsetof(MiniDlnaConf, media_dir) == 196);
+static_assert(offsetof(MiniDlnaConf, log_level) == 260);
+static_assert(offsetof(MiniDlnaConf, root_container) == 324);
+static_assert(offsetof(MiniDlnaConf, port) == 388);
+static_assert(offsetof(MiniDlnaConf, friendly_name) == 398);
+static_assert(offsetof(MiniDlnaConf, serial) == 462);
+static_assert(offsetof(MiniDlnaConf, model_name) == 590);
+static_assert(offsetof(MiniDlnaConf, model_number) == 718);
+static_assert(offsetof(MiniDlnaConf, inotify) == 846);
+static_assert(offsetof(MiniDlnaConf, notify_interval) == 856);
+static_assert(sizeof(MiniDlnaConf) == 868);
+
+struct SambaConf {
+    int32_t enable;
+    char conf_dir[64];
+    char log_file[64];
+    char max_log_size[32];
+    char log_level[10];
+    char load_printers[10];
+    char printcap_name[64];
+    char printing[10];
+    char security[10];
+    char workgroup[64];
+    char disable_netbios[10];
+    char netbios_name[64];
+    char server_string[64];
+    char usershare_allow_guests[10];
+    char guest_account[64];
+    char interfaces[64];
+    char bind_interfaces_only[10];
+    char username_map[64];
+    char username_map_dir[64];
+};
+static_assert(offsetof(SambaConf, conf_dir) == 4);
+static_assert(offsetof(SambaConf, log_file) == 68);
+static_assert(offsetof(SambaConf, max_log_size) == 132);
+static_assert(offsetof(SambaConf, log_level) == 164);
+static_assert(offsetof(SambaConf, load_printers) == 174);
+static_assert(offsetof(SambaConf, printcap_name) == 184);
+static_assert(offsetof(SambaConf, printing) == 248);
+static_assert(offsetof(SambaConf, security) == 258);
+static_assert(offsetof(SambaConf, workgroup) == 268);
+static_assert(offsetof(SambaConf, disable_netbios) == 332);
+static_assert(offsetof(SambaConf, netbios_name) == 342);
+static_assert(offsetof(SambaConf, server_string) == 406);
+static_assert(offsetof(SambaConf, usershare_allow_guests) == 470);
+static_assert(offsetof(SambaConf, guest_account) == 480);
+static_assert(offsetof(SambaConf, interfaces) == 544);
+static_assert(offsetof(SambaConf, bind_interfaces_only) == 608);
+static_assert(offsetof(SambaConf, username_map) == 618);
+static_assert(offsetof(SambaConf, username_map_dir) == 682);
+static_assert(sizeof(SambaConf) == 748);
+
+// ---------------------------------------------------------------------------
 // Command payloads. Requests and replies share one buffer.
 
 // 4 get / 7 set: the serial login switch.

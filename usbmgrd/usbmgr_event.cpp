@@ -94,6 +94,21 @@ bool take_record(uint32_t len, const void* payload, DusbDeviceRecord* rec, const
     return true;
 }
 
+// Calls fn with each partition name of a device list; returns their number.
+// The list functions split their argument in place, so each call gets a copy.
+template <typename Fn>
+int for_each_volume(const char* device_list, Fn fn) {
+    char list[sizeof DusbDeviceRecord::AttachDevice];
+    usbmgr::copy_str(list, device_list);
+    int n = disk_util_get_number_of_disk_volume(list);
+    for (int i = 0; i < n; ++i) {
+        char volume[64] = {};
+        usbmgr::copy_str(list, device_list);
+        if (disk_util_get_disk_volume_by_index(i, list, volume, sizeof volume) == 0) fn(volume);
+    }
+    return n;
+}
+
 void* deferred_worker(void*) {
     for (;;) {
         uint64_t v;
@@ -214,21 +229,15 @@ USBMGR_EVT_HANDLER(usbmgr_evt_new_storage_interface) {
         usbmgr::copy_str(e.usb_version, rec.USBVersion);
     }
 
-    // The list functions split their argument in place: each gets a copy.
-    char list[sizeof rec.AttachDevice];
-    usbmgr::copy_str(list, rec.AttachDevice);
-    int n = disk_util_get_number_of_disk_volume(list);
-    for (int i = 0; i < n; ++i) {
-        char volume[64] = {};
-        usbmgr::copy_str(list, rec.AttachDevice);
-        if (disk_util_get_disk_volume_by_index(i, list, volume, sizeof volume) != 0) continue;
+    int n = for_each_volume(rec.AttachDevice, [](const char* volume) {
         int vslot = db_util_get_usb_volume_info_free_item(volume);
         if (vslot != -1) {
             usb_volume_info[vslot].index = vslot;
             usbmgr::copy_str(usb_volume_info[vslot].name, volume);
         }
-    }
+    });
     db_util_tr140_conf_record_new_sn(rec.SerialNumber, n);
+    char list[sizeof rec.AttachDevice];
     usbmgr::copy_str(list, rec.AttachDevice);
     disk_util_mount_storage(list);
     usbmgr_remove_folder_watches();
@@ -250,18 +259,12 @@ USBMGR_EVT_HANDLER(usbmgr_evt_remove_storage_interface) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "device %s not exist ...", rec.AttachDevice);
         return 0;
     }
-    char list[sizeof rec.AttachDevice];
-    usbmgr::copy_str(list, rec.AttachDevice);
-    int n = disk_util_get_number_of_disk_volume(list);
-    for (int i = 0; i < n; ++i) {
-        char volume[64] = {};
-        usbmgr::copy_str(list, rec.AttachDevice);
-        if (disk_util_get_disk_volume_by_index(i, list, volume, sizeof volume) == 0)
-            db_util_delete_usb_volume_info_item(volume);
-    }
+    // The volumes are still mounted, so they are still found.
+    for_each_volume(rec.AttachDevice, [](const char* volume) { db_util_delete_usb_volume_info_item(volume); });
     usbmgr_remove_folder_watches();
     app_util_stop_minidllna();
     app_util_stop_samba();
+    char list[sizeof rec.AttachDevice];
     usbmgr::copy_str(list, rec.AttachDevice);
     disk_util_umount_storage(list);
     usbmgr_add_folder_watches();
