@@ -1,0 +1,39 @@
+#!/bin/bash
+# Installs the Debian packages that building, testing and the demo need.
+# Does nothing when every package is installed already, so reruns are fast.
+# Must run as root.
+set -euo pipefail
+
+packages=(
+    build-essential cmake ninja-build pkg-config
+    libsystemd-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
+    dbus-daemon dbus-bin
+    samba smbclient minidlna ntfs-3g
+    psmisc e2fsprogs iproute2 util-linux fdisk curl procps python3
+)
+
+installed() {
+    # "dpkg -s" also succeeds for removed packages that left their
+    # configuration behind: ask for the installed state itself.
+    [ "$(dpkg-query -W -f='${Status}' "$1" 2>/dev/null)" = "install ok installed" ]
+}
+
+missing=()
+for p in "${packages[@]}"; do
+    installed "$p" || missing+=("$p")
+done
+
+if [ "${#missing[@]}" -eq 0 ]; then
+    echo "install-deps.sh: all ${#packages[@]} packages are installed"
+    exit 0
+fi
+
+if [ "$(id -u)" -ne 0 ]; then
+    echo "install-deps.sh: must run as root to install: ${missing[*]}" >&2
+    exit 2
+fi
+
+echo "install-deps.sh: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+apt-get update -qq
+apt-get install -y -qq "${packages[@]}"
