@@ -6,6 +6,8 @@
 // folders, command composition).
 #include <benchmark/benchmark.h>
 
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -115,6 +117,8 @@ BENCHMARK(BM_MountCommandsAlone)->Unit(benchmark::kMillisecond)->UseRealTime()->
 // Keeps the mean real time of each benchmark for the ratio.
 class KeepTimes : public benchmark::ConsoleReporter {
 public:
+    // Colour only on a terminal: run.sh output is read in logs.
+    KeepTimes() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_ColorTabular : OO_Tabular) {}
     void ReportRuns(const std::vector<Run>& runs) override {
         for (const auto& r : runs)
             if (r.run_type == Run::RT_Iteration) times[r.run_name.function_name] = r.GetAdjustedRealTime();

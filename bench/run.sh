@@ -12,7 +12,7 @@ for prog in bench_arrival bench_notify_delay; do
 done
 
 echo "== arrival handler against its mount commands"
-"$bin/bench_arrival" --benchmark_counters_tabular=true --benchmark_color=false
+"$bin/bench_arrival"
 echo
 echo "== delay from the last event of a burst to its notifications"
 "$bin/bench_notify_delay"

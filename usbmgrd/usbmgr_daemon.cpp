@@ -239,6 +239,9 @@ int usbmgr_service_init() {
         return 0;
     r = disk_util_create_root_folder();
     if (r != 0 && r != EEXIST) return 0;
+    // The bus handlers and the folder watcher already run: the tables, the
+    // ring and the model are only touched under the lock from here on.
+    pthread_mutex_lock(&usbmgr_mutex);
     dp_util_evt_buf_init();
     disk_util_init_mount_exist_disk();
     usbmgr_scan_exist_device();
@@ -251,6 +254,7 @@ int usbmgr_service_init() {
     // Serial adapters already present get their logins with the serial
     // console work; nothing is started for them yet.
     usbmgr_add_folder_watches();
+    pthread_mutex_unlock(&usbmgr_mutex);
     return 1;
 }
 

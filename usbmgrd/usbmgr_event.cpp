@@ -23,9 +23,9 @@
 #include "usbmgrd/usbmgrd.h"
 
 UsbmgrEvtBuffer usbmgr_evt_buffer;
-volatile int32_t usbmgr_evt_in_progress;
-volatile int32_t usbmgr_reload_target;
-pollfd pollfds[1];
+std::atomic<int32_t> usbmgr_evt_in_progress;
+std::atomic<int32_t> usbmgr_reload_target;
+pollfd pollfds[1] = {{-1, 0, 0}};
 
 namespace {
 
@@ -332,7 +332,7 @@ int usbmgr_notify_init() {
     if (r != 0 && r != EEXIST) return 0;
     // The instance exists before the thread starts, so that start-up can add
     // the first watches right away.
-    if (pollfds[0].fd <= 0) {
+    if (pollfds[0].fd < 0) {
         pollfds[0].fd = inotify_init1(IN_CLOEXEC);
         pollfds[0].events = POLLIN;
     }

@@ -3,8 +3,10 @@
 #ifndef USBMGR_USBMGRD_H
 #define USBMGR_USBMGRD_H
 
+#include <poll.h>
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 
 #include "orbiil.h"
@@ -109,8 +111,11 @@ struct UsbmgrEvtBuffer {
     int32_t kinds[USBMGR_EVT_BUFFER_SIZE];
 };
 extern UsbmgrEvtBuffer usbmgr_evt_buffer;
-extern volatile int32_t usbmgr_evt_in_progress;
-extern volatile int32_t usbmgr_reload_target;  // 1 MiniDLNA, 2 Samba, 3 both
+// The folder watcher's inotify instance (descriptor -1 until it exists).
+extern pollfd pollfds[1];
+// Set while a storage handler runs; read by the deferred worker without the lock.
+extern std::atomic<int32_t> usbmgr_evt_in_progress;
+extern std::atomic<int32_t> usbmgr_reload_target;  // 1 MiniDLNA, 2 Samba, 3 both
 
 int dp_util_evt_buf_init();
 int dp_util_evt_buf_write(int32_t kind);

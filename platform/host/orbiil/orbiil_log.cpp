@@ -3,8 +3,9 @@
 // to the file named by ORBIIL_LOG_FILE, else to stderr.
 //
 // Each line leaves in a single write() on an O_APPEND descriptor, so lines of
-// several threads and processes never mix. The trace path takes no lock: the
-// daemon logs from its SIGALRM handler too.
+// several processes never mix. Within a process one lock orders the writes
+// and the closing of the file (a thread may reset the log while others still
+// trace); so the trace call is not for signal handlers.
 #include <fcntl.h>
 #include <stdarg.h>
 #include <stdio.h>
@@ -15,6 +16,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <mutex>
 
 #include "db_util/str.h"
 #include "orbiil.h"
@@ -26,7 +28,8 @@ constexpr size_t kMessageSize = 4096;
 constexpr size_t kLineSize = kMessageSize + 256;
 
 std::atomic<int> g_level{ORBIIL_LOG_ERROR};
-std::atomic<int> g_fd{-1};  // the log file once opened; -1 for not yet (or stderr)
+std::mutex g_fd_mutex;
+int g_fd = -1;  // the log file once opened; -1 for not yet (or stderr); under g_fd_mutex
 char g_app[ORBIIL_NAME_SIZE] = "orbiil";
 
 const char* level_name(int level) {
@@ -36,25 +39,19 @@ const char* level_name(int level) {
 }
 
 // The descriptor to write to: the log file (opened on first use) or stderr.
-int log_fd() {
-    int fd = g_fd.load();
-    if (fd >= 0) return fd;
+// Called with g_fd_mutex held.
+int log_fd_locked() {
+    if (g_fd >= 0) return g_fd;
     const char* path = getenv("ORBIIL_LOG_FILE");
     if (path == nullptr || path[0] == '\0') return STDERR_FILENO;
-    int opened = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
-    if (opened < 0) return STDERR_FILENO;
-    int expected = -1;
-    if (!g_fd.compare_exchange_strong(expected, opened)) {
-        // Another thread opened it first; use theirs.
-        ::close(opened);
-        return expected;
-    }
-    return opened;
+    g_fd = ::open(path, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
+    return g_fd >= 0 ? g_fd : STDERR_FILENO;
 }
 
 void close_log() {
-    int fd = g_fd.exchange(-1);
-    if (fd >= 0) ::close(fd);
+    std::lock_guard<std::mutex> lock(g_fd_mutex);
+    if (g_fd >= 0) ::close(g_fd);
+    g_fd = -1;
 }
 
 void write_all(int fd, const char* data, size_t len) {
@@ -110,7 +107,8 @@ PLATFORM_API void OrbIilTrace(int level, const char* module, int line, const cha
         len = sizeof text - 1;
         text[len - 1] = '\n';
     }
-    write_all(log_fd(), text, len);
+    std::lock_guard<std::mutex> lock(g_fd_mutex);
+    write_all(log_fd_locked(), text, len);
 }
 
 PLATFORM_API void OrbIilResetLog(void) { close_log(); }

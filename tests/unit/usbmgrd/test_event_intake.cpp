@@ -27,7 +27,6 @@
 #include "usbmgrd/usbmgrd.h"
 
 // The folder watcher's poll record (one inotify instance).
-extern pollfd pollfds[1];
 
 using testing_support::file_exists;
 using testing_support::read_file;
