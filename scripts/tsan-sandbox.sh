@@ -14,6 +14,8 @@ reports="$(cd "$build" && pwd)/tsan-reports"
 rm -rf "$reports"
 mkdir -p "$reports"
 export TSAN_OPTIONS="log_path=$reports/tsan second_deadlock_stack=1"
+# The instrumented daemon is several times slower; time limits stretch with it.
+export USBMGR_TIME_SCALE=3
 # The sandbox tests only; setarch -R keeps the address layout TSan expects.
 (cd "$build" && setarch "$(uname -m)" -R ctest -L sandbox --output-on-failure)
 if ls "$reports"/tsan* >/dev/null 2>&1; then

@@ -26,8 +26,6 @@
 #include "test_support.h"
 #include "usbmgrd/usbmgrd.h"
 
-// The folder watcher's poll record (one inotify instance).
-
 using testing_support::file_exists;
 using testing_support::read_file;
 using testing_support::read_lines;
