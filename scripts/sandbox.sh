@@ -101,6 +101,26 @@ mount --make-rprivate /
 ip link set lo up
 hostname gateway
 
+# A checkout or build folder under one of the folders hidden below (a CI
+# clone in /tmp, say) is kept reachable at its own path.
+hidden_below() {
+    case "$1/" in
+        /tmp/* | /var/* | /run/* | /etc/samba/*) return 0 ;;
+    esac
+    return 1
+}
+keep_dirs=()
+for dir in "$source_dir" "$build_dir"; do
+    if hidden_below "$dir"; then keep_dirs+=("$dir"); fi
+done
+if [ "${#keep_dirs[@]}" -gt 0 ]; then
+    mount -t tmpfs -o mode=0755 sandbox-keep /mnt
+    for i in "${!keep_dirs[@]}"; do
+        mkdir -p "/mnt/keep$i"
+        mount --bind "${keep_dirs[$i]}" "/mnt/keep$i"
+    done
+fi
+
 # The host state folder (loop device record) lives under the host's /tmp,
 # which the tmpfs below hides: keep it reachable under /var first.
 mount -t tmpfs -o mode=0755 sandbox-var /var
@@ -111,6 +131,11 @@ mount -t tmpfs -o mode=1777 sandbox-tmp /tmp
 mount -t tmpfs -o mode=0755 sandbox-run /run
 mkdir -p /etc/samba
 mount -t tmpfs -o mode=0755 sandbox-samba /etc/samba
+
+for i in "${!keep_dirs[@]}"; do
+    mkdir -p "${keep_dirs[$i]}"
+    mount --bind "/mnt/keep$i" "${keep_dirs[$i]}"
+done
 
 mkdir -p /var/config /var/dev /var/samba /var/log/samba /var/cache/minidlna /var/lib/minidlna \
     /var/lib/samba/private /var/tmp /run/samba /run/lock /tmp/usb
@@ -183,6 +208,6 @@ export USBMGR_SANDBOX=1
 export USBMGR_SANDBOX_LOOPS=/var/lib/sandbox/state/loops
 export ORBIIL_LOG_FILE=/var/log/usbmgr.log
 
-# Stay in the caller's folder when it is still visible (not under /tmp or /var).
+# Stay in the caller's folder when it is still visible.
 cd "$start_dir" 2>/dev/null || cd /tmp
 exec "$@"

@@ -13,6 +13,8 @@
 
 #include <gtest/gtest.h>
 
+#include "test_support.h"
+
 namespace {
 
 bool write_text(const char* path, const std::string& text) {
@@ -56,6 +58,7 @@ bool isolate() {
 }  // namespace
 
 int main(int argc, char** argv) {
+    testing_support::factory_settings();
     if (!isolate()) {
         std::fprintf(stderr, "cannot make the private /tmp and /var the tests need\n");
         return 1;

@@ -85,6 +85,11 @@ Seams::~Seams() {
     usbmgr::set_clock(nullptr);
 }
 
+const std::string& factory_settings() {
+    static const std::string text = read_file(std::string(USBMGR_SOURCE_DIR) + "/etc/usbmgr.conf");
+    return text;
+}
+
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
     f << text;

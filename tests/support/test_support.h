@@ -68,6 +68,10 @@ public:
 // settings and history files) should really run.
 bool is_file_command(const std::string& text);
 
+// The factory settings file of the source tree, read once before the test
+// program hides /tmp and /var (the checkout may live there).
+const std::string& factory_settings();
+
 void write_file(const std::string& path, const std::string& text);
 std::string read_file(const std::string& path);
 std::vector<std::string> read_lines(const std::string& path);

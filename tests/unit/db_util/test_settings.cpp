@@ -16,11 +16,7 @@ using testing_support::write_file;
 
 namespace {
 
-std::string factory_text() {
-    std::ifstream f(std::string(USBMGR_SOURCE_DIR) + "/etc/usbmgr.conf");
-    std::string s((std::istreambuf_iterator<char>(f)), std::istreambuf_iterator<char>());
-    return s;
-}
+std::string factory_text() { return testing_support::factory_settings(); }
 
 std::vector<std::string> factory_lines() {
     std::vector<std::string> lines;

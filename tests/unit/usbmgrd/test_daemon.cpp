@@ -26,12 +26,7 @@ using testing_support::write_file;
 
 namespace {
 
-std::string factory_text() {
-    std::ifstream f(std::string(USBMGR_SOURCE_DIR) + "/etc/usbmgr.conf");
-    std::stringstream ss;
-    ss << f.rdbuf();
-    return ss.str();
-}
+std::string factory_text() { return testing_support::factory_settings(); }
 
 int level_of(std::vector<const char*> args) {
     args.insert(args.begin(), "/usr/bin/usbmgrd");
