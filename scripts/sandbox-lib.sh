@@ -398,3 +398,21 @@ stop_daemon() {
         wait_for "! _sandbox_alive $pid" "$timeout" || return 1
     done
 }
+
+# ---------------------------------------------------------------------------
+# Test checks: `check DESCRIPTION COMMAND...` runs the command and prints
+# "ok - DESCRIPTION" or "not ok - DESCRIPTION"; the counts are in $passed and
+# $failed.
+passed=0
+failed=0
+check() {
+    local what=$1
+    shift
+    if "$@"; then
+        echo "ok - $what"
+        passed=$((passed + 1))
+    else
+        echo "not ok - $what"
+        failed=$((failed + 1))
+    fi
+}

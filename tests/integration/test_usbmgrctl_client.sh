@@ -5,19 +5,6 @@
 set -uo pipefail
 . "$USBMGR_SOURCE_DIR/scripts/sandbox-lib.sh" || exit 1
 
-passed=0
-failed=0
-check() {
-    local what=$1
-    shift
-    if "$@"; then
-        echo "ok: $what"
-        passed=$((passed + 1))
-    else
-        echo "FAIL: $what"
-        failed=$((failed + 1))
-    fi
-}
 
 work=$(mktemp -d /tmp/ctl.XXXXXX)
 

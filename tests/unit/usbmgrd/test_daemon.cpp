@@ -164,40 +164,6 @@ TEST(Startup, ParentExitsZeroOnceTheChildIsOnTheBusAndTheChildRegistersInOrder) 
     EXPECT_TRUE(contains(lines, "start_inotify"));
 }
 
-TEST(Startup, ChildRegistersCommandsEventsDeclarationsAndSubscriptions) {
-    Seams seams;
-    write_file(USBMGR_CONF_PATH, factory_text());
-    // Readiness goes to the parent with SIGALRM: be that parent.
-    signal(SIGALRM, SIG_IGN);
-    int fds[2];
-    ASSERT_EQ(pipe(fds), 0);
-    int status = in_child([&] {
-        fake::bus().running_polls = 1;
-        const char* argv[] = {"usbmgrd", nullptr};
-        usbmgr_init();
-        // Run the child's part of main: fork here plays the daemon's own fork.
-        pid_t pid = fork();
-        if (pid == 0) {
-            close(fds[0]);
-            fake::bus().log_fd = fds[1];
-            int r = usbmgr_main(1, const_cast<char**>(argv));
-            _exit(r & 0xff);
-        }
-        int st = 0;
-        waitpid(pid, &st, 0);
-        _exit(0);
-    });
-    close(fds[1]);
-    EXPECT_EQ(status, 0);
-    std::string all;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(fds[0], buf, sizeof buf)) > 0) all.append(buf, static_cast<std::size_t>(n));
-    close(fds[0]);
-    signal(SIGALRM, SIG_DFL);
-    EXPECT_NE(all.find("ORB usb mgt daemon is running"), std::string::npos);
-}
-
 TEST(Startup, RegistrationTablesAreInstalledWithTheirCounts) {
     Seams seams;
     ASSERT_EQ(OrbIilSetCmdHandler(&usbmgr_iil_handle, usbmgr_cmd_table, USBMGR_COMMAND_COUNT), 0);
