@@ -34,16 +34,6 @@ if [ "${1:-}" = --inner ]; then
     echo "ORBIIL_BUS_ADDRESS=$ORBIIL_BUS_ADDRESS"
     busctl --address="$ORBIIL_BUS_ADDRESS" list --no-legend | awk '{print $1}' | grep -v '^:' || true
 
-    # Debian's "mount -t auto" would mount NTFS itself through its
-    # mount.ntfs helper; the gateway has none, so hide it here and let the
-    # daemon take its own ntfs-3g path.
-    mkdir -p /var/lib/sandbox/usr-sbin/upper /var/lib/sandbox/usr-sbin/work
-    for h in mount.ntfs mount.ntfs-3g mount.lowntfs-3g; do
-        mknod "/var/lib/sandbox/usr-sbin/upper/$h" c 0 0
-    done
-    mount -t overlay demo-usr-sbin \
-        -o lowerdir=/usr/sbin,upperdir=/var/lib/sandbox/usr-sbin/upper,workdir=/var/lib/sandbox/usr-sbin/work /usr/sbin
-
     heading "Starting usbmgrd (log level debug)"
     pid=$(start_daemon debug) || fail "usbmgrd did not start"
     echo "usbmgrd runs as pid $pid and owns org.orbiil.USBMGR_DMON"

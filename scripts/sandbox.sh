@@ -161,6 +161,16 @@ fi
 mount -t overlay sandbox-usr-bin \
     -o lowerdir=/usr/bin,upperdir=/var/lib/sandbox/usr-bin/upper,workdir=/var/lib/sandbox/usr-bin/work /usr/bin
 
+# Debian's "mount -t auto" would mount NTFS itself through its mount.ntfs
+# helpers; the gateway has none, so its NTFS disks take the daemon's own
+# ntfs-3g path. Whiteouts in an overlay hide the helpers here.
+mkdir -p /var/lib/sandbox/usr-sbin/upper /var/lib/sandbox/usr-sbin/work
+for helper in mount.ntfs mount.ntfs-3g mount.lowntfs-3g; do
+    mknod "/var/lib/sandbox/usr-sbin/upper/$helper" c 0 0
+done
+mount -t overlay sandbox-usr-sbin \
+    -o lowerdir=/usr/sbin,upperdir=/var/lib/sandbox/usr-sbin/upper,workdir=/var/lib/sandbox/usr-sbin/work /usr/sbin
+
 if [ -f "$source_dir/etc/usbmgr.conf" ]; then
     cp "$source_dir/etc/usbmgr.conf" /var/config/usbmgr.conf
 else

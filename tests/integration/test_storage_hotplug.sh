@@ -25,18 +25,6 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# Debian's "mount -t auto" mounts NTFS itself through the mount.ntfs helper;
-# the gateway has no such helper, so its NTFS disks take the daemon's
-# ntfs-3g path. Whiteouts in an overlay hide the helpers in this sandbox.
-hide_ntfs_mount_helpers() {
-    local dir=/var/lib/sandbox/usr-sbin h
-    mkdir -p "$dir/upper" "$dir/work"
-    for h in mount.ntfs mount.ntfs-3g mount.lowntfs-3g; do
-        mknod "$dir/upper/$h" c 0 0
-    done
-    mount -t overlay sandbox-usr-sbin -o "lowerdir=/usr/sbin,upperdir=$dir/upper,workdir=$dir/work" /usr/sbin
-}
-
 now_us() { echo "${EPOCHREALTIME/./}"; }
 
 # The monitor's lines, each prefixed with the time it was read (µs).
@@ -57,7 +45,6 @@ not_mounted() { ! findmnt -rn --mountpoint "$1" >/dev/null 2>&1; }
 nothing_under_mount_root() { ! findmnt -rn -o TARGET | grep -q '^/tmp/disk'; }
 saves() { grep -c 'cfg save' /var/log/orbcm_util.log 2>/dev/null || true; }
 
-hide_ntfs_mount_helpers
 check "the NTFS mount helper is hidden" [ ! -e /sbin/mount.ntfs -a -x /bin/ntfs-3g ]
 
 make_disk_image "$work/ext4.img" 64 ext4 2
