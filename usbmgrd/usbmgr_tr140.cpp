@@ -1,6 +1,7 @@
 // The storage service model. It is rebuilt whole after every change; the
-// model itself comes with the storage service work, until then a rebuild
-// does nothing.
+// model's tree comes with the storage service work. Until then a rebuild
+// ends as the full one does, with the device tables in the log.
+#include "db_util/db_util.h"
 #include "usbmgrd/usbmgrd.h"
 
-void usbmgr_tr140_db_build() {}
+void usbmgr_tr140_db_build() { db_util_print_usb_physical_info(); }

@@ -73,6 +73,10 @@ check "ext4: the log shows the device list" log_has "   AttachDevice           =
 check "ext4: the log shows the serial" log_has "   SerialNumber           = SER-EXT4"
 check "ext4: the log shows the vendor and product" bash -c "grep -qF '   Manufacturer           = ACME' '$ORBIIL_LOG_FILE' && grep -qF '   ProductClass           = Stick' '$ORBIIL_LOG_FILE'"
 check "ext4: the configuration manager got a cfg save" [ "$(saves)" -ge 1 ]
+# The rebuild after the arrival logs both device tables.
+check "ext4: the disk table holds the disk" log_has "attach_device       = sda,sda1,sda2"
+check "ext4: the disk table holds its serial and vendor" bash -c "grep -qF 'serial_number       = SER-EXT4' '$ORBIIL_LOG_FILE' && grep -qF 'vendor              = ACME' '$ORBIIL_LOG_FILE'"
+check "ext4: the volume table holds sda1 and sda2" bash -c "grep -qF 'name                = sda1' '$ORBIIL_LOG_FILE' && grep -qF 'name                = sda2' '$ORBIIL_LOG_FILE'"
 
 # --- an NTFS disk
 usbmgrctl plug --port 1-2 --device sdb,sdb1 --serial SER-NTFS >/dev/null

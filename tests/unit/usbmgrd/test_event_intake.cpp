@@ -813,6 +813,10 @@ TEST_F(DeviceRecordInput, UnterminatedTextFieldsStayWithinTheirFields) {
 // ---------------------------------------------------------------------------
 // Folder watcher
 
+// Every rebuild of the model ends with the device tables in the log.
+constexpr const char kTablesHeader[] = "=========== usb_physical_info ================";
+constexpr const char kVolumesHeader[] = "=========== usb_volume_info ================";
+
 TEST_F(FolderWatcher, FolderNamedMusicCreatedSendsKindTenAtOnce) {
     std::vector<char> buf;
     append_event(buf, IN_ISDIR | IN_CREATE, "Music");
@@ -820,6 +824,8 @@ TEST_F(FolderWatcher, FolderNamedMusicCreatedSendsKindTenAtOnce) {
     EXPECT_EQ(fake::sent_kinds(), (Kinds{10}));
     EXPECT_EQ(fake::log_texts(), (Lines{
                                      "event->name = Music, event->mask = 0x40000100",
+                                     kTablesHeader,
+                                     kVolumesHeader,
                                      "1-0 : EVT BUFFER - USBMGR_TR140_LOGICAL_VOLUME_FOLDER_CHANGE",
                                  }));
     EXPECT_TRUE(pending_kinds().empty());
@@ -876,8 +882,12 @@ TEST_F(FolderWatcher, TwoFolderEventsInOneReadGiveTwoNotifications) {
     EXPECT_EQ(fake::sent_kinds(), (Kinds{10, 10}));
     EXPECT_EQ(fake::log_texts(), (Lines{
                                      "event->name = Music, event->mask = 0x40000100",
+                                     kTablesHeader,
+                                     kVolumesHeader,
                                      "1-0 : EVT BUFFER - USBMGR_TR140_LOGICAL_VOLUME_FOLDER_CHANGE",
                                      "event->name = Docs, event->mask = 0x40000200",
+                                     kTablesHeader,
+                                     kVolumesHeader,
                                      "2-1 : EVT BUFFER - USBMGR_TR140_LOGICAL_VOLUME_FOLDER_CHANGE",
                                  }));
 }
