@@ -123,6 +123,27 @@ bool filter_history(Decide&& decide) {
     return true;
 }
 
+// Streams the history file through the temporary file and hands every line
+// of the record of serial to change(raw, parsed, out), which writes what
+// stands in its place and returns true once the record's change is complete.
+// The record begins at its SERIAL_NUMBER line; another serial does not end
+// it, only the completed change does.
+template <typename Change>
+void filter_record(const char* serial, Change&& change) {
+    bool in_record = false;
+    filter_history([&](const char* raw, const HistoryLine& parsed, FILE* out) {
+        if (is_item(parsed.parts, "SERIAL_NUMBER")) {
+            if (std::strcmp(parsed.value, serial) == 0) in_record = true;
+            std::fputs(raw, out);
+            return;
+        }
+        if (in_record)
+            in_record = !change(raw, parsed, out);
+        else
+            std::fputs(raw, out);
+    });
+}
+
 // Scans for the first line named item after the SERIAL_NUMBER line of
 // serial. Once that line is seen the scan stays "in the record" to the end
 // of the file, so a record lacking the line answers with a later record's.
@@ -357,27 +378,20 @@ int db_util_set_tr140_volume_info(const char* serial, const char* volume, int en
     char new_name[DB_UTIL_VALUE_SIZE] = {};
     copy_line_value(new_name, name);
 
-    bool in_record = false;
-    filter_history([&](const char* raw, const HistoryLine& parsed, FILE* out) {
+    filter_record(serial, [&](const char* raw, const HistoryLine& parsed, FILE* out) {
         const Tr140ConfKey& k = parsed.parts;
-        if (is_item(k, "SERIAL_NUMBER")) {
-            // Another serial does not end the record: the flag ends at the ENABLE line.
-            if (std::strcmp(parsed.value, serial) == 0) in_record = true;
-            std::fputs(raw, out);
-            return;
-        }
-        if (in_record && line_is_item(k, name_item) && new_name[0] != '\0') {
+        if (line_is_item(k, name_item) && new_name[0] != '\0') {
             if (!append_line(out, "USBMGR.%d.NAME.%d=%s\n", k.device_id, k.volume_index, new_name))
                 std::fputs(raw, out);
-            return;
+            return false;
         }
-        if (in_record && line_is_item(k, enable_item)) {
+        if (line_is_item(k, enable_item)) {
             if (!append_line(out, "USBMGR.%d.ENABLE.%d=%d\n", k.device_id, k.volume_index, enable))
                 std::fputs(raw, out);
-            in_record = false;
-            return;
+            return true;  // the change ends at the ENABLE line
         }
         std::fputs(raw, out);
+        return false;
     });
     return -1;
 }
@@ -387,21 +401,14 @@ int db_util_set_tr140_physical_name(const char* serial, const char* name) {
     char new_name[DB_UTIL_VALUE_SIZE] = {};
     copy_line_value(new_name, name);
 
-    bool in_record = false;
-    filter_history([&](const char* raw, const HistoryLine& parsed, FILE* out) {
-        const Tr140ConfKey& k = parsed.parts;
-        if (is_item(k, "SERIAL_NUMBER")) {
-            if (std::strcmp(parsed.value, serial) == 0) in_record = true;
+    filter_record(serial, [&](const char* raw, const HistoryLine& parsed, FILE* out) {
+        if (!line_is_item(parsed.parts, "PNAME")) {
             std::fputs(raw, out);
-            return;
+            return false;
         }
-        if (in_record && line_is_item(k, "PNAME")) {
-            // Even an empty name replaces the old one.
-            if (!append_line(out, "USBMGR.%d.PNAME=%s\n", k.device_id, new_name)) std::fputs(raw, out);
-            in_record = false;
-            return;
-        }
-        std::fputs(raw, out);
+        // Even an empty name replaces the old one.
+        if (!append_line(out, "USBMGR.%d.PNAME=%s\n", parsed.parts.device_id, new_name)) std::fputs(raw, out);
+        return true;
     });
     return -1;
 }
