@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "dusb_api.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -18,12 +19,7 @@ namespace fs = std::filesystem;
 class FakeSysfs : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && base[0] ? base : "/tmp") + "/dusb-test-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        ASSERT_NE(mkdtemp(buf.data()), nullptr);
-        root_ = buf.data();
+        ASSERT_FALSE(dir_.path().empty());
         setenv("DUSB_SYSFS_ROOT", root_.c_str(), 1);
 
         attr("usb1", "busnum", "1\n");
@@ -48,8 +44,6 @@ protected:
     }
     void TearDown() override {
         unsetenv("DUSB_SYSFS_ROOT");
-        std::error_code ec;
-        fs::remove_all(root_, ec);
     }
     void attr(const std::string& dev, const std::string& name, const std::string& text) {
         fs::create_directories(root_ + "/" + dev);
@@ -63,7 +57,8 @@ protected:
         return rec;
     }
 
-    std::string root_;
+    TempDir dir_{"dusb-test"};
+    const std::string& root_ = dir_.path();
 };
 
 TEST_F(FakeSysfs, SummaryReportsHighestBusPlusOne) {

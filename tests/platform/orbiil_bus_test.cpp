@@ -23,6 +23,7 @@
 #include <gtest/gtest.h>
 
 #include "orbiil.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -37,27 +38,6 @@ bool wait_until(const std::function<bool()>& cond, std::chrono::milliseconds lim
     }
     return true;
 }
-
-class TempDir {
-public:
-    TempDir() {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && base[0] ? base : "/tmp") + "/orbiil-test-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data()) != nullptr) path_ = buf.data();
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-    }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
 
 class Pipe {
 public:
@@ -168,7 +148,7 @@ public:
     const std::string& address() const { return address_; }
 
 private:
-    TempDir dir_;
+    TempDir dir_{"orbiil-test"};
     pid_t pid_ = -1;
     std::string address_;
 };

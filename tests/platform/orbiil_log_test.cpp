@@ -13,29 +13,9 @@
 #include <gtest/gtest.h>
 
 #include "orbiil.h"
+#include "temp_dir.h"
 
 namespace {
-
-class TempDir {
-public:
-    TempDir() {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && base[0] ? base : "/tmp") + "/orbiil-log-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        if (mkdtemp(buf.data()) != nullptr) path_ = buf.data();
-    }
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    ~TempDir() {
-        std::error_code ec;
-        if (!path_.empty()) std::filesystem::remove_all(path_, ec);
-    }
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
 
 std::vector<std::string> read_lines(const std::string& path) {
     std::vector<std::string> lines;
@@ -76,7 +56,7 @@ protected:
         return has_stamp(line) && after_stamp(line) == head(level) + rest;
     }
 
-    TempDir dir_;
+    TempDir dir_{"orbiil-log"};
     std::string file_;
 };
 

@@ -10,29 +10,23 @@
 #include <gtest/gtest.h>
 
 #include "orbsm.h"
+#include "temp_dir.h"
 
 namespace {
 
 class AccountFile : public ::testing::Test {
 protected:
     void SetUp() override {
-        const char* base = getenv("TMPDIR");
-        std::string templ = std::string(base && base[0] ? base : "/tmp") + "/orbsm-test-XXXXXX";
-        std::vector<char> buf(templ.begin(), templ.end());
-        buf.push_back('\0');
-        ASSERT_NE(mkdtemp(buf.data()), nullptr);
-        dir_ = buf.data();
-        file_ = dir_ + "/orbsm.users";
+        ASSERT_FALSE(dir_.path().empty());
+        file_ = dir_.path() + "/orbsm.users";
         setenv("ORBSM_USERS_FILE", file_.c_str(), 1);
     }
     void TearDown() override {
         unsetenv("ORBSM_USERS_FILE");
-        std::error_code ec;
-        std::filesystem::remove_all(dir_, ec);
     }
     void write(const std::string& text) { std::ofstream(file_) << text; }
 
-    std::string dir_;
+    TempDir dir_{"orbsm-test"};
     std::string file_;
 };
 
