@@ -66,6 +66,14 @@ const char* escaped(const char* s, char (&out)[N]) {
     return out;
 }
 
+// Mount folder <mount root>/<name>; false, logged, when it does not fit.
+template <std::size_t N>
+bool mount_folder(char (&out)[N], const char* name) {
+    if (usbmgr::format_str(out, "%s/%s", MOUNT_DISK_PATH, name)) return true;
+    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing mount folder %s/%s: too long", MOUNT_DISK_PATH, name);
+    return false;
+}
+
 // Node path /var/dev/<name>.
 template <std::size_t N>
 bool node_path(char (&out)[N], const char* name) {
@@ -284,10 +292,7 @@ void disk_util_mount_storage(char* list) {
 
     while ((name = strtok_r(nullptr, ",", &save)) != nullptr) {
         char folder[kPathSize];
-        if (!usbmgr::format_str(folder, "%s/%s", MOUNT_DISK_PATH, name)) {
-            USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing mount folder %s/%s: too long", MOUNT_DISK_PATH, name);
-            continue;
-        }
+        if (!mount_folder(folder, name)) continue;
         int err = ::mkdir(folder, 0775) != 0 ? errno : 0;
         if (err != 0 && err != EEXIST) {
             USBMGR_TRACE(USBMGR_LOG_DEBUG, "create folder %s fail .. %d", folder, err);
@@ -315,10 +320,7 @@ void disk_util_umount_storage(char* list) {
 
     while ((name = strtok_r(nullptr, ",", &save)) != nullptr) {
         char folder[kPathSize];
-        if (!usbmgr::format_str(folder, "%s/%s", MOUNT_DISK_PATH, name)) {
-            USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing mount folder %s/%s: too long", MOUNT_DISK_PATH, name);
-            continue;
-        }
+        if (!mount_folder(folder, name)) continue;
         // The unmount only returns once the folder is free.
         disk_util_umount_fs(folder);
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount %s success", folder);
