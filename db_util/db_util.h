@@ -10,7 +10,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "usbmgrd/payload.h"  // MiniDlnaConf, SambaConf
+#include "proto/payload.h"  // MiniDlnaConf, SambaConf
 
 namespace usbmgr {
 struct CommandLine;

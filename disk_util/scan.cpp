@@ -8,7 +8,7 @@
 #include "db_util/str.h"
 #include "disk_util/disk_util.h"
 #include "dusb_api.h"
-#include "usbmgrd/usbmgrd.h"
+#include "db_util/bus_handle.h"
 
 static constexpr const char kLogModule[] = "disk_util.c";
 

@@ -18,14 +18,45 @@ struct Field {
     uint32_t size;  // bytes: 4 for integers, the array size for strings
 };
 
+// The field list of one command's payload struct. Every byte of the struct
+// belongs to exactly one field or to one of the unused ranges (padding and
+// unused words, which usbmgrctl neither fills nor prints).
 struct Layout {
     uint32_t id;
+    uint32_t size;  // sizeof the payload struct: the declared size
     const Field* fields;
     std::size_t count;
+    const Field* unused;
+    std::size_t unused_count;
 };
 
-// Layout of command id, or nullptr when its payload has no known fields.
+// Layout of command id (any id of the command list), or nullptr.
 const Layout* find_layout(uint32_t id);
+
+// Why a layout does not cover its struct (a field outside it, two fields
+// over one byte, a byte that nothing accounts for), or nullptr when it does.
+constexpr const char* layout_problem(const Layout& layout) {
+    constexpr uint32_t kMaxSize = 4096;
+    if (layout.size > kMaxSize) return "struct larger than the check handles";
+    bool owned[kMaxSize] = {};
+    for (int part = 0; part < 2; ++part) {
+        const Field* list = part == 0 ? layout.fields : layout.unused;
+        std::size_t n = part == 0 ? layout.count : layout.unused_count;
+        for (std::size_t i = 0; i < n; ++i) {
+            const Field& f = list[i];
+            if (f.size == 0 || f.offset > layout.size || f.size > layout.size - f.offset)
+                return "a field lies outside the struct";
+            if (f.type != FieldType::STR && f.size != 4) return "an integer field is not 4 bytes";
+            for (uint32_t b = f.offset; b < f.offset + f.size; ++b) {
+                if (owned[b]) return "two fields overlap";
+                owned[b] = true;
+            }
+        }
+    }
+    for (uint32_t b = 0; b < layout.size; ++b)
+        if (!owned[b]) return "a byte belongs to no field and is not listed as unused";
+    return nullptr;
+}
 
 // Field of a layout by name (case-insensitive), or nullptr.
 const Field* find_field(const Layout& layout, const char* name);

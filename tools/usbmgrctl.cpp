@@ -17,9 +17,10 @@
 #include <vector>
 
 #include "orbiil.h"
+#include "proto/commands.h"
+#include "proto/payload.h"
 #include "tools/ctl_layout.h"
 #include "tools/ctl_text.h"
-#include "usbmgrd/payload.h"
 
 namespace {
 

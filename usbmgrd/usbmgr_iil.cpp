@@ -1,49 +1,19 @@
 // The daemon's binding to the message bus: its command and event tables,
 // the events it declares and subscribes to, and the one notification it sends.
 #include "db_util/log.h"
+#include "usbmgrd/usbmgr_dispatch.h"
 #include "usbmgrd/usbmgrd.h"
 
 namespace {
 constexpr const char kLogModule[] = "usbmgrd.c";
 }
 
-// Declared sizes are the payload layouts; a unit test holds them to the
-// sizes the bus mapping publishes.
+// Expanded from the command list: each id served by the typed dispatch of
+// its handler, declared with the size of its payload struct.
 const OrbIilCmdEntry usbmgr_cmd_table[USBMGR_COMMAND_COUNT] = {
-    {2, usbmgr_cmd_get_minidlna_conf, 868},
-    {3, usbmgr_cmd_get_samba_conf, 748},
-    {4, usbmgr_cmd_get_usb_serial_enable, 4},
-    {5, usbmgr_cmd_set_minidlna_conf, sizeof(CmdSetConf)},
-    {6, usbmgr_cmd_set_samba_conf, sizeof(CmdSetConf)},
-    {7, usbmgr_cmd_set_usb_serial_enable, sizeof(CmdUsbSerialEnable)},
-    {8, usbmgr_cmd_get_samba_number_of_users, sizeof(CmdNumber)},
-    {9, usbmgr_cmd_get_samba_user_info, sizeof(CmdSambaUserSlot)},
-    {10, usbmgr_cmd_add_samba_user, sizeof(CmdSambaUser)},
-    {11, usbmgr_cmd_remove_samba_user, sizeof(CmdSambaUser)},
-    {12, usbmgr_cmd_modify_samba_user, sizeof(CmdSambaUser)},
-    {14, usbmgr_cmd_get_number_of_storage_servive, sizeof(CmdNumberOfStorageService)},
-    {15, usbmgr_cmd_get_storage_service, sizeof(CmdStorageService)},
-    {16, usbmgr_cmd_get_storage_capabilities, sizeof(CmdStorageCapabilities)},
-    {17, usbmgr_cmd_get_storage_netinfo, sizeof(CmdStorageNetInfo)},
-    {18, usbmgr_cmd_get_storage_network_server, sizeof(CmdStorageNetworkServer)},
-    {19, usbmgr_cmd_get_user_account, sizeof(CmdUserAccount)},
-    {20, usbmgr_cmd_get_physical_medium, sizeof(CmdPhysicalMedium)},
-    {21, usbmgr_cmd_get_logical_volume, sizeof(CmdLogicalVolume)},
-    {22, usbmgr_cmd_get_logical_volume_folder, sizeof(CmdLogicalVolumeFolder)},
-    {23, usbmgr_cmd_get_storage_user_access, sizeof(CmdStorageUserAccess)},
-    {24, usbmgr_cmd_set_storage_service, sizeof(CmdSetStorageService)},
-    {25, usbmgr_cmd_set_storage_netinfo, sizeof(CmdStorageNetInfo)},
-    {26, usbmgr_cmd_set_storage_network_server, sizeof(CmdSetStorageNetworkServer)},
-    {27, usbmgr_cmd_set_add_storage_user_account, sizeof(CmdSambaUser)},
-    {28, usbmgr_cmd_set_remove_storage_user_account, sizeof(CmdSambaUser)},
-    {29, usbmgr_cmd_set_modify_storage_user_account, sizeof(CmdSambaUser)},
-    {30, usbmgr_cmd_set_physical_medium, sizeof(CmdSetPhysicalMedium)},
-    {31, usbmgr_cmd_set_logical_volume, sizeof(CmdSetLogicalVolume)},
-    {32, usbmgr_cmd_set_logical_volume_folder, sizeof(CmdLogicalVolumeFolder)},
-    {33, usbmgr_cmd_set_storage_add_user_access, sizeof(CmdAddUserAccess)},
-    {34, usbmgr_cmd_set_storage_remove_user_access, sizeof(CmdRemoveUserAccess)},
-    {35, usbmgr_cmd_set_storage_modify_user_access, sizeof(CmdStorageUserAccess)},
-    {36, usbmgr_cmd_set_storage_safe_remove, sizeof(CmdSafeRemove)},
+#define USBMGR_COMMAND(id, handler, payload, flags) \
+    {id, usbmgr_dispatch<id, payload, handler>, static_cast<uint32_t>(sizeof(payload))},
+#include "proto/commands.def"
 };
 
 const OrbIilEvtEntry usbmgr_evt_table[USBMGR_EVENT_COUNT] = {

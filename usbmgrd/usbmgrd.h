@@ -9,11 +9,11 @@
 #include <atomic>
 #include <cstdint>
 
+#include "db_util/bus_handle.h"
 #include "orbiil.h"
-#include "usbmgrd/payload.h"
+#include "proto/commands.h"
+#include "proto/payload.h"
 
-// The daemon's bus connection record, cleared before OrbIilInit fills it.
-extern OrbIilHandle usbmgr_iil_handle;
 // The daemon's one lock: device tables, model, settings, ring, server reloads.
 extern pthread_mutex_t usbmgr_mutex;
 
@@ -62,42 +62,14 @@ int usbmgr_issue_event();
 int usbmgr_subscribe_event();
 int usbmgr_notify_tr140_event(int32_t kind);
 
-// Command handlers (usbmgr_cmd.cpp); each returns 0 and answers in the payload.
-#define USBMGR_CMD_HANDLER(name) int name(OrbIilHandle*, uint32_t, uint32_t, void* payload)
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_minidlna_conf);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_samba_conf);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_usb_serial_enable);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_minidlna_conf);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_samba_conf);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_usb_serial_enable);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_samba_number_of_users);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_samba_user_info);
-USBMGR_CMD_HANDLER(usbmgr_cmd_add_samba_user);
-USBMGR_CMD_HANDLER(usbmgr_cmd_remove_samba_user);
-USBMGR_CMD_HANDLER(usbmgr_cmd_modify_samba_user);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_number_of_storage_servive);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_service);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_capabilities);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_netinfo);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_network_server);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_user_account);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_physical_medium);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_logical_volume);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_logical_volume_folder);
-USBMGR_CMD_HANDLER(usbmgr_cmd_get_storage_user_access);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_service);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_netinfo);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_network_server);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_add_storage_user_account);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_remove_storage_user_account);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_modify_storage_user_account);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_physical_medium);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_logical_volume);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_logical_volume_folder);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_add_user_access);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_remove_user_access);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_modify_user_access);
-USBMGR_CMD_HANDLER(usbmgr_cmd_set_storage_safe_remove);
+// Command handlers, one a row of proto/commands.def, called through the
+// typed dispatch (usbmgrd/usbmgr_dispatch.h) with a copy of the payload,
+// which they answer in place. The dispatch writes the entry log line.
+// Sharing and settings: usbmgr_cmd_sharing.cpp; model reads:
+// usbmgr_cmd_model_read.cpp; model writes: usbmgr_cmd_model_write.cpp;
+// safe removal: usbmgr_cmd_safe_remove.cpp.
+#define USBMGR_COMMAND(id, handler, payload, flags) void handler(payload& cmd);
+#include "proto/commands.def"
 
 // ---------------------------------------------------------------------------
 // Device event intake and deferred processing (usbmgr_event.cpp)

@@ -1,12 +1,15 @@
-// The command and event tables, bus code names and the notification.
+// The command list, the command and event tables, the typed dispatch, bus
+// code names and the notification.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <map>
 #include <set>
+#include <string>
 
 #include "db_util/db_util.h"
 #include "platform_fake.h"
+#include "proto/commands.h"
 #include "test_support.h"
 #include "usbmgrd/usbmgrd.h"
 
@@ -19,6 +22,58 @@ TEST(BusBinding, CommandTableServesIdsTwoToThirtySixExceptThirteenInOrder) {
     for (uint32_t id = 2; id <= 36; ++id)
         if (id != 13) expected.push_back(id);
     EXPECT_EQ(ids, expected);
+}
+
+TEST(CommandList, IdsAscendFromTwoToThirtySixWithoutThirteen) {
+    std::vector<uint32_t> ids;
+    for (const auto& c : usbmgr_command_info) ids.push_back(c.id);
+    std::vector<uint32_t> expected;
+    for (uint32_t id = 2; id <= 36; ++id)
+        if (id != 13) expected.push_back(id);
+    EXPECT_EQ(ids, expected);
+    EXPECT_EQ(USBMGR_COMMAND_COUNT, 34);
+}
+
+TEST(CommandList, EveryDeclaredSizeIsTheSizeOfItsPayloadStruct) {
+    int rows = 0;
+#define USBMGR_COMMAND(id, handler, payload, flags)                 \
+    {                                                               \
+        ++rows;                                                     \
+        const UsbmgrCommandInfo* info = usbmgr_command_find(id);    \
+        ASSERT_NE(info, nullptr) << id;                             \
+        EXPECT_EQ(info->size, sizeof(payload)) << #handler;         \
+        EXPECT_STREQ(info->name, #handler);                         \
+    }
+#include "proto/commands.def"
+    EXPECT_EQ(rows, USBMGR_COMMAND_COUNT);
+}
+
+TEST(CommandList, HandlerNamesAreUniqueAndNamedAfterTheirCommand) {
+    std::set<std::string> names;
+    for (const auto& c : usbmgr_command_info) {
+        EXPECT_TRUE(names.insert(c.name).second) << c.name;
+        EXPECT_EQ(std::string(c.name).rfind("usbmgr_cmd_", 0), 0u) << c.name;
+    }
+}
+
+TEST(CommandList, OnlyCommandTwelveWritesNoEntryLine) {
+    for (const auto& c : usbmgr_command_info)
+        EXPECT_EQ(c.flags == USBMGR_CMD_SILENT, c.id == 12) << c.id;
+}
+
+TEST(CommandList, CommandFourReadsFourBytesAndCommandSevenSetsEight) {
+    EXPECT_EQ(usbmgr_command_find(4)->size, sizeof(CmdGetUsbSerialEnable));
+    EXPECT_EQ(usbmgr_command_find(7)->size, sizeof(CmdSetUsbSerialEnable));
+    EXPECT_EQ(sizeof(CmdGetUsbSerialEnable), 4u);
+    EXPECT_EQ(sizeof(CmdSetUsbSerialEnable), 8u);
+}
+
+TEST(BusBinding, CommandTableRowsAreTheCommandListRows) {
+    for (int i = 0; i < USBMGR_COMMAND_COUNT; ++i) {
+        EXPECT_EQ(usbmgr_cmd_table[i].id, usbmgr_command_info[i].id);
+        EXPECT_EQ(usbmgr_cmd_table[i].size, usbmgr_command_info[i].size) << usbmgr_command_info[i].id;
+        EXPECT_NE(usbmgr_cmd_table[i].handler, nullptr);
+    }
 }
 
 TEST(BusBinding, DeclaredSizesAreThoseOfTheBusMapping) {
@@ -136,4 +191,58 @@ TEST(BusBinding, CommandsOfLaterWorkAnswerNothingAndChangeNothing) {
     // Every handler but 12 logs its entry line.
     EXPECT_EQ(fake::log_texts().size(), 32u);
     EXPECT_TRUE(fake::logged("cmd - usbmgr_cmd_set_storage_safe_remove"));
+}
+
+TEST(CommandDispatch, EveryCommandButTwelveLogsCmdAndItsNameAtDebugUnderTheDaemonModule) {
+    Seams seams;
+    OrbIilSetCmdHandler(&usbmgr_iil_handle, usbmgr_cmd_table, USBMGR_COMMAND_COUNT);
+    for (const auto& c : usbmgr_command_info) {
+        fake::bus().log.clear();
+        std::vector<uint8_t> p;
+        ASSERT_EQ(fake::call_command(c.id, p), ORBIIL_OK);
+        if (c.id == 12) {
+            EXPECT_TRUE(fake::bus().log.empty());
+            continue;
+        }
+        ASSERT_EQ(fake::bus().log.size(), 1u) << c.id;
+        EXPECT_EQ(fake::bus().log[0].text, std::string("cmd - ") + c.name);
+        EXPECT_EQ(fake::bus().log[0].level, 4);
+        EXPECT_EQ(fake::bus().log[0].module, "usbmgrd.c");
+    }
+}
+
+TEST(CommandDispatch, ShorterLengthThanDeclaredReadsAndWritesOnlyThoseBytes) {
+    Seams seams;
+    StorageServiceNumberOfEntries = 0x01020304;
+    const OrbIilCmdEntry* entry = nullptr;
+    for (const auto& e : usbmgr_cmd_table)
+        if (e.id == 14) entry = &e;
+    ASSERT_NE(entry, nullptr);
+    std::vector<uint8_t> buf(8, 0xa5);
+    EXPECT_EQ(entry->handler(nullptr, 14, 2, buf.data()), 0);
+    int32_t n = 0x01020304;
+    std::vector<uint8_t> expected(8, 0xa5);
+    std::memcpy(expected.data(), &n, 2);
+    EXPECT_EQ(buf, expected);
+}
+
+TEST(CommandDispatch, LongerLengthThanDeclaredWritesOnlyTheDeclaredSize) {
+    Seams seams;
+    StorageServiceNumberOfEntries = 2;
+    const OrbIilCmdEntry* entry = nullptr;
+    for (const auto& e : usbmgr_cmd_table)
+        if (e.id == 14) entry = &e;
+    ASSERT_NE(entry, nullptr);
+    std::vector<uint8_t> buf(64, 0xa5);
+    EXPECT_EQ(entry->handler(nullptr, 14, static_cast<uint32_t>(buf.size()), buf.data()), 0);
+    std::vector<uint8_t> expected(64, 0xa5);
+    int32_t n = 2;
+    std::memcpy(expected.data(), &n, 4);
+    EXPECT_EQ(buf, expected);
+}
+
+TEST(CommandDispatch, NullPayloadStillRunsTheHandlerAndLogsItsEntryLine) {
+    Seams seams;
+    EXPECT_EQ(usbmgr_cmd_table[0].handler(nullptr, usbmgr_cmd_table[0].id, usbmgr_cmd_table[0].size, nullptr), 0);
+    EXPECT_EQ(fake::log_texts(), std::vector<std::string>{"cmd - usbmgr_cmd_get_minidlna_conf"});
 }

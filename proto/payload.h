@@ -1,8 +1,8 @@
 // Wire layouts of the daemon's bus traffic: the hot-plug device record and
 // the payload of every command. Shared by the daemon and usbmgrctl; all
 // integers are in the host's byte order, strings NUL-terminated in fixed fields.
-#ifndef USBMGR_PAYLOAD_H
-#define USBMGR_PAYLOAD_H
+#ifndef USBMGR_PROTO_PAYLOAD_H
+#define USBMGR_PROTO_PAYLOAD_H
 
 #include <cstddef>
 #include <cstdint>
@@ -90,17 +90,6 @@ const char* usbmgr_tr140_kind_name(int32_t kind);
 // Name of a bus code as every failure message prints it; "Unknown" outside 0 to 21.
 const char* usbmgr_iil_err_str(int code);
 
-// One row of the command table: id, handler name and declared payload size.
-struct UsbmgrCommandInfo {
-    uint32_t id;
-    const char* name;
-    uint32_t size;
-};
-inline constexpr int USBMGR_COMMAND_COUNT = 34;
-extern const UsbmgrCommandInfo usbmgr_command_info[USBMGR_COMMAND_COUNT];
-// Row of command id, or nullptr.
-const UsbmgrCommandInfo* usbmgr_command_find(uint32_t id);
-
 // ---------------------------------------------------------------------------
 // Settings records of the media and file servers; also the replies of
 // commands 2 and 3, whose first path field is left as the request had it.
@@ -178,14 +167,21 @@ static_assert(offsetof(SambaConf, username_map_dir) == 682);
 static_assert(sizeof(SambaConf) == 748);
 
 // ---------------------------------------------------------------------------
-// Command payloads. Requests and replies share one buffer.
+// Command payloads, one struct a command form (proto/commands.def names the
+// struct of each command). Requests and replies share one buffer.
 
-// 4 get / 7 set: the serial login switch.
-struct CmdUsbSerialEnable {
+// 4: the serial login switch as read.
+struct CmdGetUsbSerialEnable {
     int32_t enable;
-    int32_t status;  // command 7: 0 or -7
 };
-static_assert(sizeof(CmdUsbSerialEnable) == 8);
+static_assert(sizeof(CmdGetUsbSerialEnable) == 4);
+
+// 7: the serial login switch as set, with the save's status.
+struct CmdSetUsbSerialEnable {
+    int32_t enable;
+    int32_t status;  // 0 or -7
+};
+static_assert(offsetof(CmdSetUsbSerialEnable, status) == 4 && sizeof(CmdSetUsbSerialEnable) == 8);
 
 // 5, 6: one setting.
 struct CmdSetConf {
