@@ -15,6 +15,7 @@
 
 #include "bench_support.h"
 #include "db_util/clock.h"
+#include "db_util/lock.h"
 #include "db_util/str.h"
 #include "platform_fake.h"
 #include "usbmgrd/usbmgrd.h"
@@ -58,9 +59,10 @@ struct Round {
 
 Round run_round() {
     Round out;
-    pthread_mutex_lock(&usbmgr_mutex);
-    bench_support::reset_daemon_state();
-    pthread_mutex_unlock(&usbmgr_mutex);
+    {
+        usbmgr::DaemonLock lock;
+        bench_support::reset_daemon_state();
+    }
     g_runner.clear();
     fake::reset();
 

@@ -5,6 +5,7 @@
 #include <string_view>
 
 #include "db_util/db_util.h"
+#include "db_util/lock.h"
 #include "db_util/log.h"
 #include "db_util/str.h"
 
@@ -65,6 +66,7 @@ int db_util_get_usb_volume_info_free_item(const char* volume) {
 }
 
 int db_util_delete_usb_physical_info_item(const char* device) {
+    USBMGR_ASSERT_LOCKED();
     const int slots = physical_slots();
     for (int i = 0; i < slots; ++i) {
         UsbPhysicalInfo& e = usb_physical_info[i];
@@ -83,6 +85,7 @@ int db_util_delete_usb_physical_info_item(const char* device) {
 }
 
 int db_util_delete_usb_volume_info_item(const char* volume) {
+    USBMGR_ASSERT_LOCKED();
     const int slots = volume_slots();
     for (int i = 0; i < slots; ++i) {
         UsbVolumeInfo& e = usb_volume_info[i];

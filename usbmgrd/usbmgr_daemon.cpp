@@ -23,9 +23,6 @@
 #include "usbmgrd/usbmgrd.h"
 
 OrbIilHandle usbmgr_iil_handle;
-// Usable from load time: the watcher thread and early bus events may take it
-// before start-up reaches its initialisation step.
-pthread_mutex_t usbmgr_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 volatile int32_t usbmgr_daemon_signalled;
 volatile int32_t usbmgr_daemon_ready;
@@ -241,7 +238,7 @@ int usbmgr_service_init() {
     if (r != 0 && r != EEXIST) return 0;
     // The bus handlers and the folder watcher already run: the tables, the
     // ring and the model are only touched under the lock from here on.
-    pthread_mutex_lock(&usbmgr_mutex);
+    usbmgr::DaemonLock lock;
     dp_util_evt_buf_init();
     disk_util_init_mount_exist_disk();
     usbmgr_scan_exist_device();
@@ -254,7 +251,6 @@ int usbmgr_service_init() {
     // Serial adapters already present get their logins with the serial
     // console work; nothing is started for them yet.
     usbmgr_add_folder_watches();
-    pthread_mutex_unlock(&usbmgr_mutex);
     return 1;
 }
 

@@ -10,12 +10,11 @@
 #include <cstdint>
 
 #include "db_util/bus_handle.h"
+#include "db_util/lock.h"  // usbmgr_mutex, usbmgr::DaemonLock
 #include "orbiil.h"
 #include "proto/commands.h"
 #include "proto/payload.h"
 
-// The daemon's one lock: device tables, model, settings, ring, server reloads.
-extern pthread_mutex_t usbmgr_mutex;
 
 // ---------------------------------------------------------------------------
 // Start-up and shutdown (usbmgr_daemon.cpp)
@@ -72,29 +71,10 @@ int usbmgr_notify_tr140_event(int32_t kind);
 #include "proto/commands.def"
 
 // ---------------------------------------------------------------------------
-// Device event intake and deferred processing (usbmgr_event.cpp)
+// Hot-plug intake of USB storage (usbmgr_intake.cpp)
 
-inline constexpr int USBMGR_EVT_BUFFER_SIZE = 10;
-inline constexpr unsigned long USBMGR_RELOAD_DELAY_US = 900000;
-
-struct UsbmgrEvtBuffer {
-    int32_t write_index;
-    int32_t read_index;
-    int32_t kinds[USBMGR_EVT_BUFFER_SIZE];
-};
-extern UsbmgrEvtBuffer usbmgr_evt_buffer;
-// The folder watcher's inotify instance (descriptor -1 until it exists).
-extern pollfd pollfds[1];
 // Set while a storage handler runs; read by the deferred worker without the lock.
 extern std::atomic<int32_t> usbmgr_evt_in_progress;
-extern std::atomic<int32_t> usbmgr_reload_target;  // 1 MiniDLNA, 2 Samba, 3 both
-
-int dp_util_evt_buf_init();
-int dp_util_evt_buf_write(int32_t kind);
-int dp_util_evt_buf_read(int32_t* kind);
-void usbmgr_flush_notify();
-// Sets the reload target and arms the 900 ms alarm.
-void usbmgr_arm_reload(int32_t target);
 
 void print_device_info(const DusbDeviceRecord* record);
 #define USBMGR_EVT_HANDLER(name) int name(OrbIilHandle*, uint32_t, uint32_t len, void* payload)
@@ -103,6 +83,34 @@ USBMGR_EVT_HANDLER(usbmgr_evt_remove_storage_interface);
 USBMGR_EVT_HANDLER(usbmgr_evt_new_usb_serial_interface);
 USBMGR_EVT_HANDLER(usbmgr_evt_remove_usb_serial_interface);
 
+// ---------------------------------------------------------------------------
+// Ring of pending change kinds and its flush (usbmgr_ring.cpp)
+
+inline constexpr int USBMGR_EVT_BUFFER_SIZE = 10;
+
+struct UsbmgrEvtBuffer {
+    int32_t write_index;
+    int32_t read_index;
+    int32_t kinds[USBMGR_EVT_BUFFER_SIZE];
+};
+extern UsbmgrEvtBuffer usbmgr_evt_buffer;
+
+int dp_util_evt_buf_init();
+// Queues kind; the caller holds usbmgr_mutex. Always 0.
+int dp_util_evt_buf_write(int32_t kind);
+int dp_util_evt_buf_read(int32_t* kind);
+// Sends every pending kind, oldest first; the caller holds usbmgr_mutex.
+void usbmgr_flush_notify();
+
+// ---------------------------------------------------------------------------
+// Deferred reload of the servers and flush (usbmgr_deferred.cpp)
+
+inline constexpr unsigned long USBMGR_RELOAD_DELAY_US = 900000;
+
+extern std::atomic<int32_t> usbmgr_reload_target;  // 1 MiniDLNA, 2 Samba, 3 both
+
+// Sets the reload target and arms the 900 ms alarm.
+void usbmgr_arm_reload(int32_t target);
 // SIGALRM: only wakes the deferred worker.
 void usbmgr_alarm_handler(int sig);
 // The deferred work the alarm asks for: re-arm while a storage event is
@@ -111,13 +119,22 @@ void usbmgr_alarm_work();
 // Starts the thread that runs usbmgr_alarm_work on each alarm.
 int usbmgr_deferred_init();
 
+// ---------------------------------------------------------------------------
+// Folder watcher (usbmgr_watcher.cpp)
+
+// The folder watcher's inotify instance (descriptor -1 until it exists).
+extern pollfd pollfds[1];
+
 int usbmgr_notify_init();
 void usbmgr_add_folder_watches();
 void usbmgr_remove_folder_watches();
 // Handles one buffer of inotify events as the watcher thread reads them.
 void usbmgr_handle_inotify_events(const char* buf, std::size_t len);
 
-// Storage model rebuild (empty until the model exists).
+// ---------------------------------------------------------------------------
+// Storage model (usbmgr_tr140.cpp)
+
+// Rebuilds the model whole from its sources; the caller holds usbmgr_mutex.
 void usbmgr_tr140_db_build();
 
 #endif

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "db_util/db_util.h"
+#include "db_util/lock.h"
 #include "db_util/str.h"
 #include "platform_fake.h"
 #include "test_support.h"
@@ -77,6 +78,7 @@ TEST(DeviceTables, VolumeSlotIsReusedThenLowestFreeThenNone) {
 
 TEST(DeviceTables, DeletedDiskSlotIsFreeButKeepsItsModelAddress) {
     testing_support::Seams seams;
+    usbmgr::DaemonLock lock;  // deleting changes the tables
     clear_tables();
     put_disk(2, "sdb", "SERIAL-B");
     UsbPhysicalInfo& e = usb_physical_info[2];
@@ -103,6 +105,7 @@ TEST(DeviceTables, DeletedDiskSlotIsFreeButKeepsItsModelAddress) {
 
 TEST(DeviceTables, DeletingUnknownDiskOrVolumeReturnsMinusOne) {
     testing_support::Seams seams;
+    usbmgr::DaemonLock lock;  // deleting changes the tables
     clear_tables();
     put_disk(0, "sda", "A");
     put_volume(0, "sda1");
@@ -114,6 +117,7 @@ TEST(DeviceTables, DeletingUnknownDiskOrVolumeReturnsMinusOne) {
 
 TEST(DeviceTables, DeletedVolumeSlotLosesItsModelAddressToo) {
     testing_support::Seams seams;
+    usbmgr::DaemonLock lock;  // deleting changes the tables
     clear_tables();
     put_volume(5, "sdb2");
     usb_volume_info[5].tr140_db_address = 3;

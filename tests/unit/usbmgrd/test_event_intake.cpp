@@ -21,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "db_util/db_util.h"
+#include "db_util/lock.h"
 #include "db_util/str.h"
 #include "platform_fake.h"
 #include "test_support.h"
@@ -218,7 +219,11 @@ protected:
     MountTable mounts;
 };
 
-using EventRing = EventTest;
+// The ring is written under the daemon lock, as the daemon does.
+class EventRing : public EventTest {
+protected:
+    usbmgr::DaemonLock lock_;
+};
 using StorageArrival = EventTest;
 using StorageRemoval = EventTest;
 using DeferredReload = EventTest;
@@ -498,7 +503,10 @@ TEST_F(StorageRemoval, DeviceNeverRecordedIsLoggedAsNotExistingAndChangesNothing
     use_mount_table();
     arrive(make_record("sda,sda1"));
     usbmgr_alarm_work();
-    dp_util_evt_buf_write(USBMGR_TR140_ADD_USER);
+    {
+        usbmgr::DaemonLock lock;
+        dp_util_evt_buf_write(USBMGR_TR140_ADD_USER);
+    }
     UsbPhysicalInfo disks[USB_TABLE_SIZE];
     UsbVolumeInfo volumes[USB_TABLE_SIZE];
     std::memcpy(disks, usb_physical_info, sizeof disks);
@@ -590,7 +598,10 @@ TEST_F(StorageRemoval, BusyVolumeIsRetriedEveryThreeSecondsUntilItIsFree) {
 // Deferred reload
 
 TEST_F(DeferredReload, AlarmDuringAStorageEventLogsNextIncomingEventReArmsAndSendsNothing) {
-    dp_util_evt_buf_write(USBMGR_TR140_ADD_STORAGE);
+    {
+        usbmgr::DaemonLock lock;
+        dp_util_evt_buf_write(USBMGR_TR140_ADD_STORAGE);
+    }
     fake::reset();
     usbmgr_evt_in_progress = 1;
     usbmgr_alarm_work();
@@ -668,7 +679,10 @@ TEST_F(DeferredReload, ArmingSetsTheTargetWhichTheAlarmKeepsUsing) {
     usbmgr_arm_reload(2);
     EXPECT_EQ(usbmgr_reload_target, 2);
     EXPECT_EQ(seams.clock.alarms(), (std::vector<unsigned long>{kDeferral}));
-    dp_util_evt_buf_write(USBMGR_TR140_SERVICE_CHANGE);
+    {
+        usbmgr::DaemonLock lock;
+        dp_util_evt_buf_write(USBMGR_TR140_SERVICE_CHANGE);
+    }
     usbmgr_alarm_work();
     EXPECT_EQ(fake::sent_kinds(), (Kinds{2}));
     // Never cleared: the next alarm reloads the same servers.
@@ -686,9 +700,10 @@ TEST_F(DeferredReload, AlarmWithNothingPendingSendsNothing) {
 
 TEST_F(DeferredReload, AlarmSignalWakesTheDeferredWorkerThatFlushes) {
     ASSERT_EQ(usbmgr_deferred_init(), 1);
-    pthread_mutex_lock(&usbmgr_mutex);
-    dp_util_evt_buf_write(USBMGR_TR140_LOGICAL_VOLUME_CHANGE);
-    pthread_mutex_unlock(&usbmgr_mutex);
+    {
+        usbmgr::DaemonLock lock;
+        dp_util_evt_buf_write(USBMGR_TR140_LOGICAL_VOLUME_CHANGE);
+    }
     usbmgr_alarm_handler(SIGALRM);
     Kinds sent;
     for (int i = 0; i < 2000 && sent.empty(); ++i) {
@@ -697,10 +712,9 @@ TEST_F(DeferredReload, AlarmSignalWakesTheDeferredWorkerThatFlushes) {
     }
     EXPECT_EQ(sent, (Kinds{9}));
     // The worker is done once the ring is empty under the lock.
-    pthread_mutex_lock(&usbmgr_mutex);
+    usbmgr::DaemonLock lock;
     int32_t kind;
     EXPECT_EQ(dp_util_evt_buf_read(&kind), -1);
-    pthread_mutex_unlock(&usbmgr_mutex);
 }
 
 // ---------------------------------------------------------------------------
