@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "db_util/db_util.h"
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 
@@ -14,10 +14,7 @@ namespace {
 
 constexpr const char kLogModule[] = "db_util.c";
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
+using File = usbmgr::FilePtr;
 
 File open_read(const char* path) { return File(std::fopen(path, "re")); }
 

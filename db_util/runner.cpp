@@ -11,6 +11,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "db_util/owners.h"
+
 namespace usbmgr {
 
 namespace {
@@ -20,23 +22,6 @@ constexpr std::size_t kMaxOutput = 1 << 20;
 
 SystemRunner g_system_runner;
 CommandRunner* g_runner = &g_system_runner;
-
-// Owns a descriptor.
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
 
 }  // namespace
 
@@ -101,7 +86,7 @@ RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
 
     int pipefd[2] = {-1, -1};
     if (capture && ::pipe2(pipefd, O_CLOEXEC) != 0) return result;
-    Fd rd(pipefd[0]), wr(pipefd[1]);
+    UniqueFd rd(pipefd[0]), wr(pipefd[1]);
 
     pid_t pid = ::fork();
     if (pid < 0) return result;

@@ -9,11 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "db_util/clock.h"
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 #include "disk_util/disk_util.h"
@@ -29,10 +29,7 @@ constexpr std::size_t kPathSize = 128;      // mount folder and node paths
 constexpr unsigned long kUmountRetryUs = 3000000;
 constexpr std::size_t kMaxNameLen = 31;
 
-struct DirCloser {
-    void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
+using usbmgr::DirPtr;
 
 bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }

@@ -5,10 +5,10 @@
 
 #include <cstdio>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 #include "disk_util/disk_util.h"
@@ -22,15 +22,8 @@ constexpr std::size_t kDfLineSize = 500;
 constexpr std::size_t kFsLineSize = 200;
 constexpr std::size_t kFolderNameMax = 54;
 
-struct DirCloser {
-    void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
-
-struct FileCloser {
-    void operator()(std::FILE* f) const { std::fclose(f); }
-};
-using FilePtr = std::unique_ptr<std::FILE, FileCloser>;
+using usbmgr::DirPtr;
+using usbmgr::FilePtr;
 
 bool is_dot_entry(const char* name) { return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0; }
 
