@@ -11,7 +11,9 @@
 #include <cerrno>
 #include <cstring>
 
+#include "db_util/log.h"
 #include "db_util/owners.h"
+#include "db_util/str.h"
 
 namespace usbmgr {
 
@@ -69,7 +71,7 @@ CommandLine CommandLine::shell(std::string text) {
     return cmd;
 }
 
-RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
+RunResult SystemRunner::start_and_wait(const CommandLine& cmd, bool capture, const StartedFn& started) {
     RunResult result;
     if (!cmd.valid) return result;
 
@@ -104,6 +106,7 @@ RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
     }
     result.started = true;
     wr.reset();
+    if (started) started();
     if (capture) {
         char buf[4096];
         for (;;) {
@@ -123,6 +126,19 @@ RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
 CommandRunner& runner() { return *g_runner; }
 
 void set_runner(CommandRunner* r) { g_runner = r ? r : &g_system_runner; }
+
+bool run_logged(const CommandLine& cmd, const char* module, std::source_location where) {
+    const int line = static_cast<int>(where.line());
+    if (!cmd.valid) {
+        char shown[160];
+        OrbIilTrace(USBMGR_LOG_ERROR, module, line, "refusing command line '%s'", clean_copy(shown, cmd.text.c_str()));
+        return false;
+    }
+    RunResult r = runner().run(cmd, /*capture=*/true, [&] {
+        OrbIilTrace(USBMGR_LOG_DEBUG, module, line, "run command : %s", cmd.text.c_str());
+    });
+    return r.started;
+}
 
 std::vector<std::string> fgets_lines(std::string_view output, std::size_t size) {
     std::vector<std::string> lines;

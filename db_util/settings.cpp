@@ -122,12 +122,7 @@ const Setting& setting_at(int save_pos) {
 }
 
 // Runs a file command of the save as the save does: popen, log, pclose.
-bool run_logged(const usbmgr::CommandLine& cmd) {
-    usbmgr::RunResult r = usbmgr::runner().run(cmd, true);
-    if (!r.started) return false;
-    USBMGR_TRACE(USBMGR_LOG_DEBUG, "run command : %s", cmd.text.c_str());
-    return true;
-}
+bool run_logged(const usbmgr::CommandLine& cmd) { return usbmgr::run_logged(cmd, kLogModule); }
 
 }  // namespace
 

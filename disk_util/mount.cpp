@@ -34,35 +34,6 @@ using usbmgr::DirPtr;
 bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
 
-// Shows a text from outside in a log line: printable ASCII as it is, all
-// else (and quotes, backslashes) escaped, cut to fit.
-template <std::size_t N>
-const char* escaped(const char* s, char (&out)[N]) {
-    std::size_t o = 0;
-    out[0] = '\0';
-    if (!s) return out;
-    for (std::size_t i = 0; s[i] != '\0'; ++i) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        char piece[5];
-        if (c >= 0x20 && c < 0x7f && c != '\'' && c != '\\') {
-            piece[0] = static_cast<char>(c);
-            piece[1] = '\0';
-        } else {
-            std::snprintf(piece, sizeof piece, "\\x%02x", c);
-        }
-        std::size_t len = std::strlen(piece);
-        if (o + len + 4 >= N) {  // room for "..." and the terminator
-            std::memcpy(out + o, "...", 3);
-            o += 3;
-            break;
-        }
-        std::memcpy(out + o, piece, len);
-        o += len;
-    }
-    out[o] = '\0';
-    return out;
-}
-
 // Mount folder <mount root>/<name>; false, logged, when it does not fit.
 template <std::size_t N>
 bool mount_folder(char (&out)[N], const char* name) {
@@ -99,7 +70,7 @@ int block_minor(const char* name) {
 int remove_node(const char* name) {
     if (!disk_util_device_name_ok(name)) {
         char shown[80];
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", usbmgr::clean_copy(shown, name));
         return -1;
     }
     char path[kPathSize];
@@ -151,23 +122,19 @@ bool disk_util_accept_device_list(const char* list) {
         }
     }
     char shown[80];
-    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(piece, shown));
+    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", usbmgr::clean_copy(shown, piece));
     return false;
 }
 
 bool disk_util_command_ok(const usbmgr::CommandLine& command) {
     if (command.valid) return true;
     char shown[160];
-    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing command line '%s'", escaped(command.text.c_str(), shown));
+    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing command line '%s'", usbmgr::clean_copy(shown, command.text.c_str()));
     return false;
 }
 
 int disk_util_exe_command(const usbmgr::CommandLine& command) {
-    if (!disk_util_command_ok(command)) return -1;
-    usbmgr::RunResult r = usbmgr::runner().run(command, /*capture=*/true);
-    if (!r.started) return -1;
-    USBMGR_TRACE(USBMGR_LOG_DEBUG, "run command : %s", command.text.c_str());
-    return 0;
+    return usbmgr::run_logged(command, kLogModule) ? 0 : -1;
 }
 
 int disk_util_create_dev_folder() {
@@ -191,7 +158,7 @@ int disk_util_dev_node_exist(const char* name) {
 int disk_util_create_block_dev_node(const char* name) {
     if (!disk_util_device_name_ok(name)) {
         char shown[80];
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", usbmgr::clean_copy(shown, name));
         return -1;
     }
     if (disk_util_dev_node_exist(name)) {
@@ -207,7 +174,7 @@ int disk_util_create_block_dev_node(const char* name) {
 int disk_util_create_usb_serial_dev_node(const char* name) {
     if (!disk_util_device_name_ok(name)) {
         char shown[80];
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", usbmgr::clean_copy(shown, name));
         return -1;
     }
     if (disk_util_dev_node_exist(name)) {

@@ -181,7 +181,7 @@ TEST(StartUpScan, BusSummaryFailureLeavesTheDescriptorEmpty) {
     EXPECT_EQ(fake::dusb().device_queries, 0);
 }
 
-TEST(StartUpScan, DescriptorTextsAreSanitisedBeforeTheyEnterTheTable) {
+TEST(StartUpScan, DescriptorTextsHaveControlCharactersReplacedAndKeepTheirEqualsSign) {
     Seams seams;
     fake::dusb().number_of_bus = 1;
     DusbDeviceInfo d = stick(0, 1, "usb:1-1", "SN=1\nX");
@@ -190,7 +190,7 @@ TEST(StartUpScan, DescriptorTextsAreSanitisedBeforeTheyEnterTheTable) {
     UsbPhysicalInfo record;
     std::memset(&record, 0, sizeof record);
     usbmgr_get_usb_descriptor("1-1", &record);
-    EXPECT_STREQ(record.serial_number, "SN_1_X");
+    EXPECT_STREQ(record.serial_number, "SN=1_X");
     EXPECT_STREQ(record.vendor, "Ac_me");
 }
 
