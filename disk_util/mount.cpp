@@ -23,7 +23,6 @@ static constexpr const char kLogModule[] = "disk_util.c";
 namespace {
 
 constexpr std::size_t kCommandSize = 100;   // every composed command line
-constexpr std::size_t kOutputLine = 500;    // first output line of a check
 constexpr std::size_t kUnmountLine = 100;   // lines of the mount listing at shutdown
 constexpr std::size_t kPathSize = 128;      // mount folder and node paths
 constexpr unsigned long kUmountRetryUs = 3000000;

@@ -23,7 +23,7 @@ constexpr std::size_t kCommandSize = 100;
 constexpr std::size_t kDfLineSize = 500;
 constexpr std::size_t kFsLineSize = 200;
 constexpr std::size_t kFolderNameMax = 54;
-constexpr std::size_t kLineSize = 500;  // lines of a check's output
+constexpr std::size_t kLineSize = 500;  // lines of the "ls" and "mount" checks
 
 using usbmgr::DirPtr;
 using usbmgr::FilePtr;
@@ -123,15 +123,21 @@ std::string_view last_word(std::string_view line) {
     return blank == std::string_view::npos ? line : line.substr(blank + 1);
 }
 
-// Every line of a check's output, as fgets(buf, size) reads them.
-std::vector<std::string> output_lines(const std::string& output, std::size_t size) {
-    return usbmgr::fgets_lines(output, size);
+// True when path is a mount folder of the mount root that names the volume:
+// the device field of a line may be spelled otherwise (a by-uuid link),
+// but a folder elsewhere that happens to be called sda is not the disk.
+bool mount_point_names(std::string_view path, const char* name) {
+    std::string_view root(MOUNT_DISK_PATH);
+    if (root.empty() || path.size() <= root.size() + 1 || path.substr(0, root.size()) != root || path[root.size()] != '/')
+        return false;
+    std::string_view rest = path.substr(root.size() + 1);
+    return rest.find('/') == std::string_view::npos && disk_util_path_names(rest, name);
 }
 
 }  // namespace
 
 bool disk_util_output_has_line(const std::string& output, const char* name) {
-    for (const std::string& line : output_lines(output, kLineSize)) {
+    for (const std::string& line : usbmgr::fgets_lines(output, kLineSize)) {
         std::string_view l(line);
         while (!l.empty() && (l.back() == '\n' || l.back() == '\r')) l.remove_suffix(1);
         if (l == name) return true;
@@ -140,7 +146,7 @@ bool disk_util_output_has_line(const std::string& output, const char* name) {
 }
 
 bool disk_util_mount_output_has(const std::string& output, const char* path) {
-    for (const std::string& line : output_lines(output, kLineSize)) {
+    for (const std::string& line : usbmgr::fgets_lines(output, kLineSize)) {
         auto f = blank_fields(line);
         if (f.size() >= 3 && f[1] == "on" && f[2] == path) return true;
     }
@@ -211,7 +217,7 @@ DiskSize disk_util_get_disk_size(DiskSize* size, const char* name) {
             char fs[kDfLineSize] = {};
             int blocks = 0, used = 0, avail = 0;
             if (std::sscanf(line.c_str(), "%499s %d %d %d", fs, &blocks, &used, &avail) < 3) continue;
-            if (!disk_util_path_names(fs, name) && !disk_util_path_names(last_word(line), name)) continue;
+            if (!disk_util_path_names(fs, name) && !mount_point_names(last_word(line), name)) continue;
             total.total += static_cast<uint32_t>(blocks);
             total.used += static_cast<uint32_t>(used);
         }
@@ -245,7 +251,7 @@ void disk_util_get_storage_file_system(const char* name, char* type, std::size_t
     bool found = false;
     for (const std::string& l : usbmgr::fgets_lines(r.output, kLineSize)) {
         auto f = blank_fields(l);
-        if (f.size() < 3 || f[1] != "on" || (!disk_util_path_names(f[0], name) && !disk_util_path_names(f[2], name)))
+        if (f.size() < 3 || f[1] != "on" || (!disk_util_path_names(f[0], name) && !mount_point_names(f[2], name)))
             continue;
         // The fifth field, as awk -F "[ ]" '{print $5}' gives it.
         if (f.size() >= 5) line = std::string(f[4].substr(0, kFsLineSize - 2));

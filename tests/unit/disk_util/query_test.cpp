@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "db_util/str.h"
 #include "disk_util/disk_util.h"
 #include "platform_fake.h"
 #include "test_support.h"
@@ -118,6 +119,7 @@ TEST(DiskQueries, DfLineOfSda10DoesNotCountForSda1) {
 
 TEST(DiskQueries, DfLinesOfEveryPartitionCountForTheDiskAndNoOtherDisk) {
     Seams seams;
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk");
     seams.runner.respond = [](const std::string& t) {
         if (t != "df -m | grep sda 2>&1") return std::string();
         return std::string(
@@ -128,12 +130,13 @@ TEST(DiskQueries, DfLinesOfEveryPartitionCountForTheDiskAndNoOtherDisk) {
     };
     DiskSize size{7, 7};
     disk_util_get_disk_size(&size, "sda");
-    EXPECT_EQ(size.total, 700u);  // sda1, sda10 and the folder named sda
-    EXPECT_EQ(size.used, 51u);
+    EXPECT_EQ(size.total, 300u);  // sda1 and sda10; not sdb1 on a folder named sda
+    EXPECT_EQ(size.used, 50u);
 }
 
-TEST(DiskQueries, DfLineIsMatchedByItsMountPointWhenTheDeviceIsNamedOtherwise) {
+TEST(DiskQueries, DfLineIsMatchedByItsMountFolderWhenTheDeviceIsNamedOtherwise) {
     Seams seams;
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk");
     seams.runner.respond = [](const std::string&) {
         return std::string("/dev/disk/by-uuid/1234     100        40        60  40% /tmp/disk/sda1\n");
     };
