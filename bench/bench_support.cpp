@@ -16,11 +16,12 @@ namespace bench_support {
 
 bool isolate() { return testing_support::enter_private_dirs(); }
 
-usbmgr::RunResult TrueRunner::run(const usbmgr::CommandLine& cmd, bool capture) {
+usbmgr::RunResult TrueRunner::start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
+                                             const usbmgr::StartedFn& started) {
     usbmgr::RunResult r;
     if (!cmd.valid) return r;
     // Every command costs what starting a small program costs.
-    r = real_.run(true_, capture);
+    r = real_.run(true_, capture, started);
     std::lock_guard<std::mutex> lock(mutex_);
     texts_.push_back(cmd.text);
     static const std::string kMount = "mount -v -t auto ";

@@ -22,10 +22,12 @@ bool isolate();
 
 class TrueRunner final : public usbmgr::CommandRunner {
 public:
-    usbmgr::RunResult run(const usbmgr::CommandLine& cmd, bool capture) override;
-
     std::vector<std::string> texts() const;
     void clear();  // forgets the command lines and the mounts
+
+protected:
+    usbmgr::RunResult start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
+                                     const usbmgr::StartedFn& started) override;
 
 private:
     mutable std::mutex mutex_;

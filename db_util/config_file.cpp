@@ -3,10 +3,10 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 
 #include "db_util/db_util.h"
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 
@@ -14,10 +14,7 @@ namespace {
 
 constexpr const char kLogModule[] = "db_util.c";
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
+using File = usbmgr::FilePtr;
 
 File open_read(const char* path) { return File(std::fopen(path, "re")); }
 
@@ -126,19 +123,8 @@ int db_util_usbmgr_conf_split_item(char* key, UsbmgrConfItem* item) {
 }
 
 int db_util_exe_command(const usbmgr::CommandLine& command) {
-    if (!command.valid) {
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing command : %s", command.text.c_str());
-        return 1;
-    }
-    usbmgr::RunResult r = usbmgr::runner().run(command, true);
-    if (!r.started) return 1;
-    USBMGR_TRACE(USBMGR_LOG_DEBUG, "run command : %s", command.text.c_str());
-    return 0;
+    return usbmgr::run_logged(command, kLogModule) ? 0 : 1;
 }
 
 // The hand-off belongs to the daemon core and logs under its name.
-void usbmgr_cfg_save() {
-    usbmgr::CommandLine cmd = usbmgr::CommandLine::exec({"orbcm_util", "cfg", "save"});
-    usbmgr::RunResult r = usbmgr::runner().run(cmd, true);
-    if (r.started) OrbIilTrace(USBMGR_LOG_DEBUG, "usbmgrd.c", __LINE__, "run command : %s", cmd.text.c_str());
-}
+void usbmgr_cfg_save() { usbmgr::run_logged(usbmgr::CommandLine::exec({"orbcm_util", "cfg", "save"}), "usbmgrd.c"); }

@@ -11,6 +11,10 @@
 #include <cerrno>
 #include <cstring>
 
+#include "db_util/log.h"
+#include "db_util/owners.h"
+#include "db_util/str.h"
+
 namespace usbmgr {
 
 namespace {
@@ -20,23 +24,6 @@ constexpr std::size_t kMaxOutput = 1 << 20;
 
 SystemRunner g_system_runner;
 CommandRunner* g_runner = &g_system_runner;
-
-// Owns a descriptor.
-class Fd {
-public:
-    explicit Fd(int fd = -1) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-    void reset(int fd = -1) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = fd;
-    }
-
-private:
-    int fd_;
-};
 
 }  // namespace
 
@@ -84,7 +71,7 @@ CommandLine CommandLine::shell(std::string text) {
     return cmd;
 }
 
-RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
+RunResult SystemRunner::start_and_wait(const CommandLine& cmd, bool capture, const StartedFn& started) {
     RunResult result;
     if (!cmd.valid) return result;
 
@@ -101,7 +88,7 @@ RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
 
     int pipefd[2] = {-1, -1};
     if (capture && ::pipe2(pipefd, O_CLOEXEC) != 0) return result;
-    Fd rd(pipefd[0]), wr(pipefd[1]);
+    UniqueFd rd(pipefd[0]), wr(pipefd[1]);
 
     pid_t pid = ::fork();
     if (pid < 0) return result;
@@ -119,6 +106,7 @@ RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
     }
     result.started = true;
     wr.reset();
+    if (started) started();
     if (capture) {
         char buf[4096];
         for (;;) {
@@ -138,6 +126,19 @@ RunResult SystemRunner::run(const CommandLine& cmd, bool capture) {
 CommandRunner& runner() { return *g_runner; }
 
 void set_runner(CommandRunner* r) { g_runner = r ? r : &g_system_runner; }
+
+bool run_logged(const CommandLine& cmd, const char* module, std::source_location where) {
+    const int line = static_cast<int>(where.line());
+    if (!cmd.valid) {
+        char shown[160];
+        OrbIilTrace(USBMGR_LOG_ERROR, module, line, "refusing command line '%s'", clean_copy(shown, cmd.text.c_str()));
+        return false;
+    }
+    RunResult r = runner().run(cmd, /*capture=*/true, [&] {
+        OrbIilTrace(USBMGR_LOG_DEBUG, module, line, "run command : %s", cmd.text.c_str());
+    });
+    return r.started;
+}
 
 std::vector<std::string> fgets_lines(std::string_view output, std::size_t size) {
     std::vector<std::string> lines;

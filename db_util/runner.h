@@ -9,6 +9,8 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <functional>
+#include <source_location>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -64,24 +66,44 @@ struct RunResult {
     std::string output;    // its standard output, when asked for
 };
 
+// Called once a command has started, before it is waited for.
+using StartedFn = std::function<void()>;
+
 class CommandRunner {
 public:
     virtual ~CommandRunner() = default;
     // Starts cmd and waits for it to end; collects its standard output when
     // capture is set (as popen(cmd, "r") would), else lets it through (as
-    // system would). The exit status is not reported: callers never look at it.
-    virtual RunResult run(const CommandLine& cmd, bool capture) = 0;
+    // system would). started, when set, is called between the start and the
+    // wait, and only when the command started. The exit status is not
+    // reported: callers never look at it.
+    RunResult run(const CommandLine& cmd, bool capture, const StartedFn& started = {}) {
+        return start_and_wait(cmd, capture, started);
+    }
+
+protected:
+    // What run does; each runner says how.
+    virtual RunResult start_and_wait(const CommandLine& cmd, bool capture, const StartedFn& started) = 0;
 };
 
 // Runs commands for real: fork, exec, close-on-exec descriptors, _exit.
 class SystemRunner final : public CommandRunner {
-public:
-    RunResult run(const CommandLine& cmd, bool capture) override;
+protected:
+    RunResult start_and_wait(const CommandLine& cmd, bool capture, const StartedFn& started) override;
 };
 
 // The process's runner; tests install their own.
 CommandRunner& runner();
 void set_runner(CommandRunner* r);  // nullptr restores the system runner
+
+// Runs cmd through the process's runner as popen and pclose would (output
+// collected and dropped) and logs "run command : %s" (DEBUG) under the
+// caller's module name once the command has started, so that a command that
+// hangs still shows its line. A command line refused when it was composed
+// does not run and is logged (ERROR) as "refusing command line '%s'". True
+// when the command started.
+bool run_logged(const CommandLine& cmd, const char* module,
+                std::source_location where = std::source_location::current());
 
 // Splits output the way repeated fgets(buf, size) calls see it: pieces of at
 // most size - 1 characters, each ending at a newline where one comes first.

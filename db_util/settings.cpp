@@ -6,6 +6,7 @@
 
 #include "db_util/db_util.h"
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 
@@ -120,17 +121,8 @@ const Setting& setting_at(int save_pos) {
     return kSettings[0];  // unreachable: the positions are 1 to 38
 }
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-
 // Runs a file command of the save as the save does: popen, log, pclose.
-bool run_logged(const usbmgr::CommandLine& cmd) {
-    usbmgr::RunResult r = usbmgr::runner().run(cmd, true);
-    if (!r.started) return false;
-    USBMGR_TRACE(USBMGR_LOG_DEBUG, "run command : %s", cmd.text.c_str());
-    return true;
-}
+bool run_logged(const usbmgr::CommandLine& cmd) { return usbmgr::run_logged(cmd, kLogModule); }
 
 }  // namespace
 
@@ -154,7 +146,7 @@ int usbmgr_conf_load() {
 int usbmgr_conf_save() {
     if (!run_logged(usbmgr::CommandLine::exec({"cp", USBMGR_CONF_PATH, USBMGR_TEMP_PATH}))) return -1;
 
-    std::unique_ptr<FILE, FileCloser> f(std::fopen(USBMGR_CONF_PATH, "we"));
+    usbmgr::FilePtr f(std::fopen(USBMGR_CONF_PATH, "we"));
     if (!f) return -1;
     for (int pos = 1; pos <= kSettingCount; ++pos) {
         const Setting& s = setting_at(pos);

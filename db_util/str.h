@@ -39,14 +39,25 @@ __attribute__((format(printf, 2, 3))) inline bool format_str(char (&dst)[N], con
     return n >= 0 && static_cast<std::size_t>(n) < N;
 }
 
-// Makes a text from outside (a serial number, a vendor name) safe to stand
-// as a value in a key=value line: control characters and '=' become '_'.
-// Applied wherever such a text enters the daemon, so every copy of it agrees.
+// The daemon's one text cleaner. Makes a text from outside (a serial
+// number, a vendor name, a device list, a folder name) safe to stand as a
+// value in a key=value line and in a log line: each control character
+// (below 0x20, and 0x7f) becomes '_'; everything else stays, '=' included,
+// since a value runs to the end of its line. Applied wherever such a text
+// enters the daemon, so every copy of it agrees.
 inline void sanitize_value_text(char* s, std::size_t size) {
     for (std::size_t i = 0; i < size && s[i] != '\0'; ++i) {
         unsigned char c = static_cast<unsigned char>(s[i]);
-        if (c < 0x20 || c == 0x7f || c == '=') s[i] = '_';
+        if (c < 0x20 || c == 0x7f) s[i] = '_';
     }
+}
+
+// src copied into out (cut to fit) and cleaned as above; returns out.
+template <std::size_t N>
+inline const char* clean_copy(char (&out)[N], const char* src) {
+    copy_str(out, src);
+    sanitize_value_text(out, N);
+    return out;
 }
 
 }  // namespace usbmgr

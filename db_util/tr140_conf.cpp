@@ -13,6 +13,7 @@
 
 #include "db_util/db_util.h"
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 
@@ -32,10 +33,7 @@ constexpr std::size_t kItemTextSize = 12;
 // Marks an id the range scan did not set (no line, or a single line).
 constexpr int kIdUnset = INT_MIN;
 
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
-using File = std::unique_ptr<FILE, FileCloser>;
+using File = usbmgr::FilePtr;
 
 File open_file(const char* path, const char* mode) { return File(std::fopen(path, mode)); }
 

@@ -7,6 +7,8 @@
 #define USBMGR_DISK_UTIL_H
 
 #include <cstdint>
+#include <string>
+#include <string_view>
 
 #include "db_util/db_util.h"
 
@@ -17,8 +19,15 @@ inline constexpr const char DISK_UTIL_FOLDER_ROOT[] = "/tmp/disk";
 // True when name is a kernel device name this daemon handles: letters then
 // digits (sda, sda1, ttyUSB0), at most 31 characters.
 bool disk_util_device_name_ok(const char* name);
-// True when list is a device list: names as above separated by single commas.
+// True when list is a device list: names as above separated by commas, at
+// least one name; empty pieces are skipped, as the in-place split skips them.
 bool disk_util_device_list_ok(const char* list);
+// True when name is a block device the node formula can number: "sd", one
+// letter a to z, then nothing (the disk) or a partition 1 to 15.
+bool disk_util_block_name_ok(const char* name);
+// True when name is a serial adapter whose number is a minor number:
+// "ttyUSB" and a number up to 1048575, without leading zeros.
+bool disk_util_serial_name_ok(const char* name);
 // As disk_util_device_list_ok; when false, also logs (ERROR) the first name
 // refused, shown escaped.
 bool disk_util_accept_device_list(const char* list);
@@ -27,6 +36,19 @@ bool disk_util_command_ok(const usbmgr::CommandLine& command);
 
 // Runs a command: 0, or -1 when it could not start ("run command : %s" when it did).
 int disk_util_exe_command(const usbmgr::CommandLine& command);
+
+// ---------------------------------------------------------------------------
+// Reading the output of the checks. grep matches any part of a line; these
+// decide on whole fields, so that sda1 is never taken for sda10.
+
+// True when a line of output (the "ls | grep" listing) is exactly name.
+bool disk_util_output_has_line(const std::string& output, const char* name);
+// True when a line of "mount" output has path as its mount point
+// ("<device> on <path> type <type> ...").
+bool disk_util_mount_output_has(const std::string& output, const char* path);
+// True when the last component of a device or mount point path is name or,
+// for a disk name (sda), one of its partitions (sda1, sda15).
+bool disk_util_path_names(std::string_view path, const char* name);
 
 // ---------------------------------------------------------------------------
 // Device nodes and mounting
@@ -77,6 +99,10 @@ inline constexpr std::size_t DISK_UTIL_SHORT_LIST_SIZE = 20;   // list kept by t
 int disk_util_read_port_line(const char* entry, char (&line)[DISK_UTIL_PORT_LINE_SIZE]);
 // line less its last two characters, cut to fit out.
 void disk_util_port_line_list(const char* line, char* out, std::size_t size);
+// The device list of a port line, cut to fit out, with whole names only:
+// when the line was cut (by the read or by out), the name the cut went
+// through is dropped, never kept as a shorter name (sda12 as sda1).
+void disk_util_port_line_names(const char* line, char* out, std::size_t size);
 
 // Serial adapters listed in /tmp/usb at start-up.
 int disk_util_count_of_exist_usb_serial();

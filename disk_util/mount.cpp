@@ -9,11 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 
 #include "db_util/clock.h"
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 #include "disk_util/disk_util.h"
@@ -23,48 +23,17 @@ static constexpr const char kLogModule[] = "disk_util.c";
 namespace {
 
 constexpr std::size_t kCommandSize = 100;   // every composed command line
-constexpr std::size_t kOutputLine = 500;    // first output line of a check
 constexpr std::size_t kUnmountLine = 100;   // lines of the mount listing at shutdown
 constexpr std::size_t kPathSize = 128;      // mount folder and node paths
 constexpr unsigned long kUmountRetryUs = 3000000;
 constexpr std::size_t kMaxNameLen = 31;
+constexpr int kMaxPartition = 15;          // the sixteen minors of a disk: itself and 15 partitions
+constexpr long kMaxSerialMinor = 1048575;  // the kernel's largest minor number
 
-struct DirCloser {
-    void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
+using usbmgr::DirPtr;
 
 bool is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
 bool is_digit(char c) { return c >= '0' && c <= '9'; }
-
-// Shows a text from outside in a log line: printable ASCII as it is, all
-// else (and quotes, backslashes) escaped, cut to fit.
-template <std::size_t N>
-const char* escaped(const char* s, char (&out)[N]) {
-    std::size_t o = 0;
-    out[0] = '\0';
-    if (!s) return out;
-    for (std::size_t i = 0; s[i] != '\0'; ++i) {
-        unsigned char c = static_cast<unsigned char>(s[i]);
-        char piece[5];
-        if (c >= 0x20 && c < 0x7f && c != '\'' && c != '\\') {
-            piece[0] = static_cast<char>(c);
-            piece[1] = '\0';
-        } else {
-            std::snprintf(piece, sizeof piece, "\\x%02x", c);
-        }
-        std::size_t len = std::strlen(piece);
-        if (o + len + 4 >= N) {  // room for "..." and the terminator
-            std::memcpy(out + o, "...", 3);
-            o += 3;
-            break;
-        }
-        std::memcpy(out + o, piece, len);
-        o += len;
-    }
-    out[o] = '\0';
-    return out;
-}
 
 // Mount folder <mount root>/<name>; false, logged, when it does not fit.
 template <std::size_t N>
@@ -80,29 +49,34 @@ bool node_path(char (&out)[N], const char* name) {
     return usbmgr::format_str(out, "%s/%s", DISK_UTIL_DEV_PATH, name);
 }
 
-// The first line of a check's output, as fgets would read it; empty when
-// the command printed nothing or could not start.
-std::string check_first_line(const usbmgr::CommandLine& cmd, bool* started = nullptr) {
+// Runs a check and hands its output to found; false when the command could
+// not start (or printed nothing that found accepts).
+template <typename Found>
+bool check_output(const usbmgr::CommandLine& cmd, Found found, bool* started = nullptr) {
     usbmgr::RunResult r = usbmgr::runner().run(cmd, /*capture=*/true);
     if (started) *started = r.started;
-    if (!r.started) return std::string();
-    return usbmgr::first_line(r.output, kOutputLine);
+    return r.started && found(r.output);
+}
+
+// Partition number of a block name that disk_util_block_name_ok accepts; 0 for the disk.
+int block_partition(const char* name) {
+    int part = 0;
+    for (const char* p = name + 3; *p != '\0'; ++p) part = part * 10 + (*p - '0');
+    return part;
 }
 
 // Minor number of a block node: sdb2 is 16 + 2.
-int block_minor(const char* name) {
-    std::size_t len = std::strlen(name);
-    int minor = 0;
-    if (len >= 3) minor = (name[2] - 'a') * 16;
-    if (len >= 4) minor += std::atoi(name + 3);
-    return minor;
+int block_minor(const char* name) { return (name[2] - 'a') * 16 + block_partition(name); }
+
+void log_refused_name(const char* name) {
+    char shown[80];
+    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", usbmgr::clean_copy(shown, name));
 }
 
 // Removes a node with "rm -f"; 0, or -1 when it could not start.
 int remove_node(const char* name) {
     if (!disk_util_device_name_ok(name)) {
-        char shown[80];
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+        log_refused_name(name);
         return -1;
     }
     char path[kPathSize];
@@ -121,56 +95,93 @@ bool disk_util_device_name_ok(const char* name) {
     return name[i] == '\0' && i <= kMaxNameLen;
 }
 
-bool disk_util_device_list_ok(const char* list) {
-    if (!list || list[0] == '\0') return false;
+bool disk_util_block_name_ok(const char* name) {
+    if (!name || name[0] != 's' || name[1] != 'd' || name[2] < 'a' || name[2] > 'z') return false;
+    const char* digits = name + 3;
+    if (*digits == '\0') return true;
+    // No leading zero: sda01 would share sda1's node.
+    if (*digits < '1' || *digits > '9') return false;
+    std::size_t n = 0;
+    while (n < 3 && digits[n] >= '0' && digits[n] <= '9') ++n;
+    return digits[n] == '\0' && n <= 2 && block_partition(name) <= kMaxPartition;
+}
+
+bool disk_util_serial_name_ok(const char* name) {
+    static constexpr char kPrefix[] = "ttyUSB";
+    if (!name || std::strncmp(name, kPrefix, sizeof kPrefix - 1) != 0) return false;
+    const char* digits = name + sizeof kPrefix - 1;
+    if (digits[0] == '\0' || (digits[0] == '0' && digits[1] != '\0')) return false;
+    long minor = 0;
+    for (const char* p = digits; *p != '\0'; ++p) {
+        if (*p < '0' || *p > '9') return false;
+        minor = minor * 10 + (*p - '0');
+        if (minor > kMaxSerialMinor) return false;
+    }
+    return true;
+}
+
+namespace {
+
+// Walks the pieces of a device list, skipping empty ones as the in-place
+// split does; stops at the first piece for which fn returns false and
+// returns false then. Pieces too long to be a name are handed over cut, and
+// refused by their length.
+template <typename Fn>
+bool for_each_piece(const char* list, Fn fn) {
     const char* start = list;
     for (;;) {
         const char* comma = std::strchr(start, ',');
         std::size_t len = comma ? static_cast<std::size_t>(comma - start) : std::strlen(start);
-        if (len == 0 || len > kMaxNameLen) return false;
-        char name[kMaxNameLen + 1];
-        std::memcpy(name, start, len);
-        name[len] = '\0';
-        if (!disk_util_device_name_ok(name)) return false;
+        if (len > 0) {
+            char piece[256];
+            std::size_t keep = len < sizeof piece - 1 ? len : sizeof piece - 1;
+            std::memcpy(piece, start, keep);
+            piece[keep] = '\0';
+            if (!fn(piece, len)) return false;
+        }
         if (!comma) return true;
         start = comma + 1;
     }
 }
 
+bool piece_ok(const char* piece, std::size_t len) { return len <= kMaxNameLen && disk_util_device_name_ok(piece); }
+
+}  // namespace
+
+bool disk_util_device_list_ok(const char* list) {
+    if (!list) return false;
+    int names = 0;
+    bool ok = for_each_piece(list, [&](const char* piece, std::size_t len) {
+        ++names;
+        return piece_ok(piece, len);
+    });
+    return ok && names > 0;
+}
+
 bool disk_util_accept_device_list(const char* list) {
     if (disk_util_device_list_ok(list)) return true;
-    // Name the first piece that is not a device name.
-    char piece[256] = {};
+    // Name the first piece that is not a device name ('' when there is none).
+    char refused[256] = {};
     if (list) {
-        const char* start = list;
-        for (;;) {
-            const char* comma = std::strchr(start, ',');
-            std::size_t len = comma ? static_cast<std::size_t>(comma - start) : std::strlen(start);
-            std::size_t keep = len < sizeof piece - 1 ? len : sizeof piece - 1;
-            std::memcpy(piece, start, keep);
-            piece[keep] = '\0';
-            if (len == 0 || len > kMaxNameLen || !disk_util_device_name_ok(piece) || !comma) break;
-            start = comma + 1;
-        }
+        for_each_piece(list, [&](const char* piece, std::size_t len) {
+            if (piece_ok(piece, len)) return true;
+            usbmgr::copy_str(refused, piece);
+            return false;
+        });
     }
-    char shown[80];
-    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(piece, shown));
+    log_refused_name(refused);
     return false;
 }
 
 bool disk_util_command_ok(const usbmgr::CommandLine& command) {
     if (command.valid) return true;
     char shown[160];
-    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing command line '%s'", escaped(command.text.c_str(), shown));
+    USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing command line '%s'", usbmgr::clean_copy(shown, command.text.c_str()));
     return false;
 }
 
 int disk_util_exe_command(const usbmgr::CommandLine& command) {
-    if (!disk_util_command_ok(command)) return -1;
-    usbmgr::RunResult r = usbmgr::runner().run(command, /*capture=*/true);
-    if (!r.started) return -1;
-    USBMGR_TRACE(USBMGR_LOG_DEBUG, "run command : %s", command.text.c_str());
-    return 0;
+    return usbmgr::run_logged(command, kLogModule) ? 0 : -1;
 }
 
 int disk_util_create_dev_folder() {
@@ -186,15 +197,15 @@ int disk_util_create_root_folder() {
 int disk_util_dev_node_exist(const char* name) {
     auto cmd = usbmgr::shell_command<kCommandSize>("ls %s | grep %s 2>&1", DISK_UTIL_DEV_PATH, name);
     if (!disk_util_command_ok(cmd)) return 0;
-    // grep matches any part of a name: "sda" is taken as existing when only
-    // sda1 is there.
-    return check_first_line(cmd).empty() ? 0 : 1;
+    // grep matches any part of a name; only a whole line counts, so sda1 is
+    // not taken for sda, nor sda10 for sda1.
+    return check_output(cmd, [&](const std::string& out) { return disk_util_output_has_line(out, name); }) ? 1 : 0;
 }
 
 int disk_util_create_block_dev_node(const char* name) {
-    if (!disk_util_device_name_ok(name)) {
-        char shown[80];
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+    // Only names the node formula can number: no overflow, no minor of another disk.
+    if (!disk_util_block_name_ok(name)) {
+        log_refused_name(name);
         return -1;
     }
     if (disk_util_dev_node_exist(name)) {
@@ -208,16 +219,15 @@ int disk_util_create_block_dev_node(const char* name) {
 }
 
 int disk_util_create_usb_serial_dev_node(const char* name) {
-    if (!disk_util_device_name_ok(name)) {
-        char shown[80];
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "refusing device name '%s'", escaped(name, shown));
+    if (!disk_util_serial_name_ok(name)) {
+        log_refused_name(name);
         return -1;
     }
     if (disk_util_dev_node_exist(name)) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "the device node %s exist already", name);
         return -1;
     }
-    int minor = std::strlen(name) > 6 ? std::atoi(name + 6) : 0;
+    long minor = std::strtol(name + 6, nullptr, 10);
     char path[kPathSize];
     node_path(path, name);
     return disk_util_exe_command(usbmgr::CommandLine::exec({"mknod", path, "c", "188", std::to_string(minor)}));
@@ -230,7 +240,7 @@ int disk_util_remove_dev_node(const char* name) { return remove_node(name); }
 int disk_util_is_mounted(const char* path) {
     auto cmd = usbmgr::shell_command<kCommandSize>("mount | grep %s 2>&1", path);
     if (!disk_util_command_ok(cmd)) return 0;
-    return check_first_line(cmd).empty() ? 0 : 1;
+    return check_output(cmd, [&](const std::string& out) { return disk_util_mount_output_has(out, path); }) ? 1 : 0;
 }
 
 int disk_util_mount_fs(const char* device, const char* folder) {
@@ -261,9 +271,10 @@ int disk_util_umount_fs(const char* folder) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "try to umount %s , count = %d", folder, count);
         usbmgr::runner().run(umount, /*capture=*/false);
         bool started = false;
-        std::string line = check_first_line(check, &started);
+        auto lists_folder = [&](const std::string& out) { return disk_util_mount_output_has(out, folder); };
+        bool mounted = check_output(check, lists_folder, &started);
         if (!started) continue;  // retry at once
-        if (line.empty()) break;
+        if (!mounted) break;
         // Busy: a file is still open on the disk; wait for it to close.
         usbmgr::sys_clock().sleep_us(kUmountRetryUs);
     }
@@ -291,6 +302,10 @@ void disk_util_mount_storage(char* list) {
     disk_util_create_block_dev_node(name);
 
     while ((name = strtok_r(nullptr, ",", &save)) != nullptr) {
+        if (!disk_util_block_name_ok(name)) {
+            log_refused_name(name);
+            continue;
+        }
         char folder[kPathSize];
         if (!mount_folder(folder, name)) continue;
         int err = ::mkdir(folder, 0775) != 0 ? errno : 0;
@@ -319,6 +334,11 @@ void disk_util_umount_storage(char* list) {
     disk_util_remove_dev_node(name);
 
     while ((name = strtok_r(nullptr, ",", &save)) != nullptr) {
+        // Never mounted: its node could not be made.
+        if (!disk_util_block_name_ok(name)) {
+            log_refused_name(name);
+            continue;
+        }
         char folder[kPathSize];
         if (!mount_folder(folder, name)) continue;
         // The unmount only returns once the folder is free.
@@ -341,11 +361,24 @@ int disk_util_init_mount_exist_disk() {
         char line[DISK_UTIL_PORT_LINE_SIZE] = {};
         if (disk_util_read_port_line(e->d_name, line) != 0) continue;
         char list[DISK_UTIL_SHORT_LIST_SIZE] = {};
-        disk_util_port_line_list(line, list, sizeof list);
+        disk_util_port_line_names(line, list, sizeof list);
         if (std::strstr(list, "sd") != nullptr) disk_util_mount_storage(list);
     }
     return 0;
 }
+
+namespace {
+
+// <mount root>/<partition name>, as disk_util_mount_storage makes them.
+bool is_own_mount_folder(const std::string& path) {
+    std::size_t root = std::strlen(MOUNT_DISK_PATH);
+    if (root == 0 || path.size() <= root + 1 || path.compare(0, root, MOUNT_DISK_PATH) != 0 || path[root] != '/')
+        return false;
+    const char* name = path.c_str() + root + 1;
+    return disk_util_block_name_ok(name) && std::strlen(name) > 3;
+}
+
+}  // namespace
 
 int remove_all_mount_disk() {
     auto cmd = usbmgr::shell_command<kCommandSize>("mount | grep \"%s\" | awk -F \"[ ]\" '{print $3}' 2>&1",
@@ -356,7 +389,10 @@ int remove_all_mount_disk() {
     for (std::string line : usbmgr::fgets_lines(r.output, kUnmountLine)) {
         // The line end stays out of the argument: no shell reads these.
         while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
-        if (line.empty()) continue;
+        // grep matched the root anywhere in the line: only the daemon's own
+        // mount folders are unmounted and removed, never another mount
+        // whose line merely mentions the root.
+        if (!is_own_mount_folder(line)) continue;
         disk_util_exe_command(usbmgr::CommandLine::exec({"umount", line}));
         disk_util_exe_command(usbmgr::CommandLine::exec({"rm", "-R", line}));
     }

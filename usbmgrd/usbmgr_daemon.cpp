@@ -17,6 +17,7 @@
 #include "db_util/clock.h"
 #include "db_util/db_util.h"
 #include "db_util/log.h"
+#include "db_util/owners.h"
 #include "db_util/runner.h"
 #include "db_util/str.h"
 #include "disk_util/disk_util.h"
@@ -40,13 +41,6 @@ struct sigaction g_saved_sigalrm;
 // flag and wakes the thread.
 volatile sig_atomic_t g_term_requested;
 int g_wake_fd = -1;
-
-struct DirCloser {
-    void operator()(DIR* d) const { closedir(d); }
-};
-struct FileCloser {
-    void operator()(FILE* f) const { std::fclose(f); }
-};
 
 // Installs handler for sig; keeps the signal ignored when it was ignored.
 void install_keeping_ignored(int sig, void (*handler)(int)) {
@@ -182,14 +176,14 @@ void usbmgr_sigterm_handler(int) {
 }
 
 void usbmgr_kill_login_processes() {
-    std::unique_ptr<DIR, DirCloser> proc(opendir("/proc"));
+    usbmgr::DirPtr proc(opendir("/proc"));
     if (!proc) return;
     while (dirent* e = readdir(proc.get())) {
         if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
         if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
         char path[4096];
         if (!usbmgr::format_str(path, "/proc/%s/status", e->d_name)) continue;
-        std::unique_ptr<FILE, FileCloser> status(std::fopen(path, "re"));
+        usbmgr::FilePtr status(std::fopen(path, "re"));
         if (!status) continue;
         char line[1000];
         while (std::fgets(line, sizeof line, status.get())) {
@@ -215,9 +209,8 @@ void usbmgr_shutdown() {
     OrbIilResetLog();
     remove_all_mount_disk();
     usbmgr::runner().run(usbmgr::shell_command<100>("rm %s/*", DISK_UTIL_DEV_PATH), true);
-    if (FILE* marker = std::fopen(USBMGR_DEVELOP_MARKER, "re")) {
+    if (usbmgr::FilePtr marker(std::fopen(USBMGR_DEVELOP_MARKER, "re")); marker) {
         // A developer's marker keeps the shells alive.
-        std::fclose(marker);
     } else {
         usbmgr_kill_login_processes();
     }

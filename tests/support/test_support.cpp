@@ -11,15 +11,21 @@
 
 namespace testing_support {
 
-usbmgr::RunResult FakeRunner::run(const usbmgr::CommandLine& cmd, bool capture) {
+usbmgr::RunResult FakeRunner::start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
+                                             const usbmgr::StartedFn& started) {
     {
         std::lock_guard<std::mutex> lock(mutex_);
         calls_.push_back({cmd.text, capture, cmd.argv.empty(), cmd.argv});
     }
     usbmgr::RunResult r;
     if (fail_start || !cmd.valid) return r;
-    if (pass_through && pass_through(cmd.text)) return real_.run(cmd, capture);
+    auto report = [&] {
+        if (started) started();
+        if (while_running) while_running(cmd.text);
+    };
+    if (pass_through && pass_through(cmd.text)) return real_.run(cmd, capture, report);
     r.started = true;
+    report();
     if (respond) r.output = respond(cmd.text);
     return r;
 }

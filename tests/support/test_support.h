@@ -23,8 +23,6 @@ public:
         bool shell;
         std::vector<std::string> argv;
     };
-    usbmgr::RunResult run(const usbmgr::CommandLine& cmd, bool capture) override;
-
     std::vector<std::string> texts() const;
     std::vector<Call> calls() const;
     void clear();
@@ -32,6 +30,15 @@ public:
     std::function<std::string(const std::string&)> respond;
     std::function<bool(const std::string&)> pass_through;
     bool fail_start = false;  // every command fails to start
+    // Runs inside each started command, after its start is reported and
+    // before it ends: a test sees there what was logged while it ran.
+    std::function<void(const std::string&)> while_running;
+
+protected:
+    // Reports the start (when the command starts) before it answers, as a
+    // real command is started before it ends.
+    usbmgr::RunResult start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
+                                     const usbmgr::StartedFn& started) override;
 
 private:
     mutable std::mutex mutex_;

@@ -9,6 +9,7 @@
 #include <memory>
 #include <string>
 
+#include "db_util/owners.h"
 #include "db_util/str.h"
 #include "dusb_api.h"
 #include "platform_export.h"
@@ -18,15 +19,8 @@ namespace {
 constexpr const char kDefaultRoot[] = "/sys/bus/usb/devices";
 constexpr int kFailed = 1;
 
-struct DirCloser {
-    void operator()(DIR* d) const { closedir(d); }
-};
-using DirPtr = std::unique_ptr<DIR, DirCloser>;
-
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
+using usbmgr::DirPtr;
+using usbmgr::FilePtr;
 
 std::string sysfs_root() {
     const char* root = getenv("DUSB_SYSFS_ROOT");

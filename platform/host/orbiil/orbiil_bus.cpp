@@ -125,7 +125,7 @@ std::shared_ptr<State> state_of(const OrbIilHandle* handle) {
 }
 
 void wake(State& st) {
-    if (!st.wake.valid()) return;
+    if (!st.wake) return;
     uint64_t one = 1;
     // A full counter already means "wake up"; nothing to do on failure.
     ssize_t r = ::write(st.wake.get(), &one, sizeof one);
@@ -379,7 +379,7 @@ int init(OrbIilHandle* handle, const char* name) {
     st->bus_name = std::string(kNamePrefix) + name;
     st->path = std::string(kPathPrefix) + name;
     st->wake = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!st->wake.valid()) return ORBIIL_ERR;
+    if (!st->wake) return ORBIIL_ERR;
 
     if (open_bus(&st->bus) < 0) return ORBIIL_TX_FAIL;
     sd_bus_slot* slot = nullptr;

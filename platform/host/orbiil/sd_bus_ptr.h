@@ -9,6 +9,8 @@
 #include <memory>
 #include <utility>
 
+#include "db_util/owners.h"
+
 namespace orbiil {
 
 struct BusCloser {
@@ -44,31 +46,7 @@ private:
 };
 
 // A file descriptor closed on destruction.
-class Fd {
-public:
-    Fd() = default;
-    explicit Fd(int fd) : fd_(fd) {}
-    Fd(const Fd&) = delete;
-    Fd& operator=(const Fd&) = delete;
-    Fd(Fd&& other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
-    Fd& operator=(Fd&& other) noexcept {
-        if (this != &other) {
-            reset();
-            fd_ = std::exchange(other.fd_, -1);
-        }
-        return *this;
-    }
-    ~Fd() { reset(); }
-    int get() const { return fd_; }
-    bool valid() const { return fd_ >= 0; }
-    void reset() {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = -1;
-    }
-
-private:
-    int fd_ = -1;
-};
+using Fd = usbmgr::UniqueFd;
 
 }  // namespace orbiil
 

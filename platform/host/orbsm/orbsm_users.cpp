@@ -7,6 +7,7 @@
 
 #include <memory>
 
+#include "db_util/owners.h"
 #include "db_util/str.h"
 #include "orbsm.h"
 #include "platform_export.h"
@@ -15,10 +16,7 @@ namespace {
 
 constexpr const char kDefaultUsersFile[] = "/var/config/orbsm.users";
 
-struct FileCloser {
-    void operator()(FILE* f) const { fclose(f); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
+using usbmgr::FilePtr;
 
 // getline's buffer, freed however the loop ends.
 struct LineBuffer {

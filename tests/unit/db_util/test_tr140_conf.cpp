@@ -166,11 +166,11 @@ TEST(HistoryRecord, SingleLineHistoryFileIsItsOwnFirstAndLast) {
     EXPECT_EQ(history(), join({Lines{"USBMGR.4.SERIAL_NUMBER=OLD"}, record(5, "S", 1)}));
 }
 
-TEST(HistoryRecord, SerialWithNewlineAndEqualsIsWrittenOnOneLine) {
+TEST(HistoryRecord, SerialWithNewlineIsWrittenOnOneLineAndKeepsItsEqualsSign) {
     testing_support::Seams seams;
     set_history(5);
     db_util_tr140_conf_record_new_sn("AB\nUSBMGR.9.PNAME=x", 1);
-    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=AB_USBMGR.9.PNAME_x", "USBMGR.0.PNAME=",
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=AB_USBMGR.9.PNAME=x", "USBMGR.0.PNAME=",
                                 "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"}));
     // Seen again, the same cleaned serial is found.
     seams.runner.clear();

@@ -20,25 +20,42 @@ namespace {
 
 void use_mount_root() { usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk"); }
 
-// Answers "mount | grep FOLDER" from the folders that "mount -v -t auto"
-// was asked to mount.
+// Answers "mount | grep TEXT" as grep would, from the folders that "mount
+// -v -t auto" was asked to mount and "umount" has not freed: every mount
+// line that holds TEXT anywhere, so /tmp/disk/sda1 also finds sda10's line.
 struct MountTable {
     std::set<std::string> mounted;
     std::string respond(const std::string& text) {
         static const std::string kMount = "mount -v -t auto ";
+        static const std::string kUmount = "umount ";
         if (text.rfind(kMount, 0) == 0) {
             std::string rest = text.substr(kMount.size());
             mounted.insert(rest.substr(rest.find(' ') + 1));
             return "";
         }
+        if (text.rfind(kUmount, 0) == 0) {
+            mounted.erase(text.substr(kUmount.size()));
+            return "";
+        }
         static const std::string kCheck = "mount | grep ";
         if (text.rfind(kCheck, 0) == 0) {
-            std::string folder = text.substr(kCheck.size(), text.find(' ', kCheck.size()) - kCheck.size());
-            if (mounted.count(folder)) return "/dev/x on " + folder + " type ext4 (rw)\n";
+            std::string pattern = text.substr(kCheck.size(), text.find(' ', kCheck.size()) - kCheck.size());
+            std::string out;
+            for (const auto& folder : mounted) {
+                std::string device = "/var/dev/" + folder.substr(folder.rfind('/') + 1);
+                std::string line = device + " on " + folder + " type ext4 (rw)\n";
+                if (line.find(pattern) != std::string::npos) out += line;
+            }
+            return out;
         }
         return "";
     }
 };
+
+bool ran(const Seams& seams, const std::string& text) {
+    auto texts = seams.runner.texts();
+    return std::find(texts.begin(), texts.end(), text) != texts.end();
+}
 
 bool dir_is_empty(const std::string& dir) {
     struct stat st;
@@ -67,15 +84,37 @@ TEST(DeviceNames, ShellSyntaxPathsEmptyAndLeadingDigitsAreRefused) {
     EXPECT_FALSE(disk_util_device_name_ok(std::string(32, 'a').c_str()));
 }
 
-TEST(DeviceNames, ListsAreNamesSeparatedBySingleCommas) {
+TEST(DeviceNames, ListsAreNamesSeparatedByCommasAndEmptyPiecesAreSkippedAsTheSplitSkipsThem) {
     EXPECT_TRUE(disk_util_device_list_ok("sda"));
     EXPECT_TRUE(disk_util_device_list_ok("sda,sda1,sda2"));
+    EXPECT_TRUE(disk_util_device_list_ok("sda,"));
+    EXPECT_TRUE(disk_util_device_list_ok(",sda"));
+    EXPECT_TRUE(disk_util_device_list_ok("sda,,sda1"));
     EXPECT_FALSE(disk_util_device_list_ok(""));
-    EXPECT_FALSE(disk_util_device_list_ok("sda,"));
-    EXPECT_FALSE(disk_util_device_list_ok(",sda"));
-    EXPECT_FALSE(disk_util_device_list_ok("sda,,sda1"));
+    EXPECT_FALSE(disk_util_device_list_ok(","));
+    EXPECT_FALSE(disk_util_device_list_ok(",,"));
+    EXPECT_FALSE(disk_util_device_list_ok(nullptr));
     EXPECT_FALSE(disk_util_device_list_ok("sda,sda1;touch /tmp/pwned"));
+    EXPECT_FALSE(disk_util_device_list_ok("sda,sda1,"  "sd a"));
     EXPECT_FALSE(disk_util_device_list_ok("sda\r\n"));
+    EXPECT_FALSE(disk_util_device_list_ok(("sda," + std::string(32, 'a')).c_str()));
+}
+
+TEST(DeviceNames, BlockNamesAreSdOneLetterAndAPartitionFromOneToFifteen) {
+    for (const char* ok : {"sda", "sdz", "sda1", "sdb9", "sda10", "sdz15"})
+        EXPECT_TRUE(disk_util_block_name_ok(ok)) << ok;
+    for (const char* bad : {"sdA", "sd1", "sd", "sdaa", "sda0", "sda01", "sda16", "sda99", "sda100", "sdz2147483647",
+                            "sda99999999999999999999", "hda1", "ttyUSB0", "sda1a", ""})
+        EXPECT_FALSE(disk_util_block_name_ok(bad)) << bad;
+    EXPECT_FALSE(disk_util_block_name_ok(nullptr));
+}
+
+TEST(DeviceNames, SerialNamesAreTtyUsbAndAMinorNumber) {
+    for (const char* ok : {"ttyUSB0", "ttyUSB2", "ttyUSB10", "ttyUSB1048575"})
+        EXPECT_TRUE(disk_util_serial_name_ok(ok)) << ok;
+    for (const char* bad : {"ttyUSB", "ttyUSB01", "ttyUSB1048576", "ttyUSB99999999999999999999", "ttyACM0", "sda1",
+                            "ttyUSB1x"})
+        EXPECT_FALSE(disk_util_serial_name_ok(bad)) << bad;
 }
 
 TEST(Folders, DeviceFolderThatExistsReportsSeventeen) {
@@ -217,20 +256,120 @@ TEST(Mounting, MountRootThatCannotBeCreatedStopsTheMount) {
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(Mounting, NodeSdaIsSkippedAsExistingWhenOnlySda1IsListed) {
+TEST(Mounting, NodeSdaIsMadeWhenOnlySda1IsListed) {
     Seams seams;
     // "ls | grep" really runs here, over the private /var/dev.
     seams.runner.pass_through = [](const std::string& t) {
         return testing_support::is_file_command(t) || t.rfind("ls ", 0) == 0;
     };
     testing_support::write_file("/var/dev/sda1", "");
-    EXPECT_EQ(disk_util_dev_node_exist("sda"), 1);
+    EXPECT_EQ(disk_util_dev_node_exist("sda"), 0);
+    EXPECT_EQ(disk_util_dev_node_exist("sda1"), 1);
     EXPECT_EQ(disk_util_dev_node_exist("sdb"), 0);
     disk_util_create_block_dev_node("sda");
-    std::vector<std::string> expected = {"ls /var/dev | grep sda 2>&1", "ls /var/dev | grep sdb 2>&1",
-                                         "ls /var/dev | grep sda 2>&1"};
+    std::vector<std::string> expected = {"ls /var/dev | grep sda 2>&1", "ls /var/dev | grep sda1 2>&1",
+                                         "ls /var/dev | grep sdb 2>&1", "ls /var/dev | grep sda 2>&1",
+                                         "mknod /var/dev/sda b 8 0"};
     EXPECT_EQ(seams.runner.texts(), expected);
-    EXPECT_TRUE(fake::logged("the device node sda exist already"));
+    EXPECT_FALSE(fake::logged("the device node sda exist already"));
+}
+
+TEST(Mounting, NodeSda1IsMadeWhenOnlySda10IsListed) {
+    Seams seams;
+    seams.runner.pass_through = [](const std::string& t) { return t.rfind("ls ", 0) == 0; };
+    testing_support::write_file("/var/dev/sda10", "");
+    EXPECT_EQ(disk_util_dev_node_exist("sda1"), 0);
+    EXPECT_EQ(disk_util_dev_node_exist("sda10"), 1);
+    disk_util_create_block_dev_node("sda1");
+    EXPECT_TRUE(ran(seams, "mknod /var/dev/sda1 b 8 1"));
+}
+
+TEST(Mounting, PluggingSda10BeforeSda1MountsBoth) {
+    Seams seams;
+    use_mount_root();
+    MountTable table;
+    seams.runner.respond = [&](const std::string& t) { return table.respond(t); };
+    char list[] = "sda,sda10,sda1";
+    disk_util_mount_storage(list);
+    EXPECT_EQ(table.mounted, (std::set<std::string>{"/tmp/disk/sda1", "/tmp/disk/sda10"}));
+    EXPECT_TRUE(fake::logged("mount /var/dev/sda10 auto /tmp/disk/sda10 success"));
+    EXPECT_TRUE(fake::logged("mount /var/dev/sda1 auto /tmp/disk/sda1 success"));
+    EXPECT_FALSE(fake::logged("/tmp/disk/sda1 already exist"));
+    EXPECT_TRUE(ran(seams, "mknod /var/dev/sda10 b 8 10"));
+}
+
+TEST(Mounting, PartitionTenDoesNotCountAsPartitionOneMounted) {
+    Seams seams;
+    seams.runner.respond = [](const std::string& t) {
+        if (t != "mount | grep /tmp/disk/sda1 2>&1") return std::string();
+        return std::string("/var/dev/sda10 on /tmp/disk/sda10 type ext4 (rw)\n");
+    };
+    EXPECT_EQ(disk_util_is_mounted("/tmp/disk/sda1"), 0);
+    seams.runner.respond = [](const std::string&) {
+        return std::string(
+            "/var/dev/sda10 on /tmp/disk/sda10 type ext4 (rw)\n"
+            "/var/dev/sda1 on /tmp/disk/sda1 type vfat (rw)\n");
+    };
+    EXPECT_EQ(disk_util_is_mounted("/tmp/disk/sda1"), 1);
+    // A folder below a mount point is not that mount point.
+    EXPECT_EQ(disk_util_is_mounted("/tmp/disk"), 0);
+}
+
+TEST(Mounting, UnmountingSda1WhileSda10StaysMountedEndsAfterOneTry) {
+    Seams seams;
+    use_mount_root();
+    MountTable table;
+    seams.runner.respond = [&](const std::string& t) { return table.respond(t); };
+    char plug[] = "sda,sda1,sda10";
+    disk_util_mount_storage(plug);
+    ASSERT_EQ(table.mounted.size(), 2u);
+    seams.runner.clear();
+    fake::reset();
+
+    char unplug[] = "sda,sda1";
+    disk_util_umount_storage(unplug);
+
+    EXPECT_TRUE(seams.clock.sleeps().empty());
+    EXPECT_TRUE(fake::logged("try to umount /tmp/disk/sda1 , count = 1"));
+    EXPECT_FALSE(fake::logged("try to umount /tmp/disk/sda1 , count = 2"));
+    EXPECT_EQ(table.mounted, std::set<std::string>{"/tmp/disk/sda10"});
+    std::vector<std::string> expected = {"rm -f /var/dev/sda", "umount /tmp/disk/sda1",
+                                         "mount | grep /tmp/disk/sda1 2>&1", "rm -f /var/dev/sda1"};
+    EXPECT_EQ(seams.runner.texts(), expected);
+}
+
+TEST(Mounting, PartitionNumberBeyondAnIntIsRefusedAndGetsNoNode) {
+    Seams seams;
+    use_mount_root();
+    char list[] = "sdz,sdz2147483647";
+    disk_util_mount_storage(list);
+    std::vector<std::string> expected = {"ls /var/dev | grep sdz 2>&1", "mknod /var/dev/sdz b 8 400"};
+    EXPECT_EQ(seams.runner.texts(), expected);
+    EXPECT_TRUE(fake::logged("refusing device name 'sdz2147483647'"));
+    EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sdz2147483647"));
+
+    seams.runner.clear();
+    char again[] = "sdz,sdz2147483647";
+    disk_util_umount_storage(again);
+    EXPECT_EQ(seams.runner.texts(), std::vector<std::string>{"rm -f /var/dev/sdz"});
+}
+
+TEST(Mounting, NamesWhoseMinorWouldBeNegativeOrOverflowGetNoNode) {
+    Seams seams;
+    use_mount_root();
+    const std::vector<std::string> names = {"sdA", "sd1", "sda16", "sda0", "sda" + std::string(25, '9')};
+    for (const std::string& name : names) {
+        fake::reset();
+        seams.runner.clear();
+        EXPECT_EQ(disk_util_create_block_dev_node(name.c_str()), -1) << name;
+        EXPECT_TRUE(seams.runner.texts().empty()) << name;
+        EXPECT_TRUE(fake::logged("refusing device name '" + name + "'")) << name;
+        EXPECT_EQ(fake::bus().log.at(0).level, 1);
+    }
+    char list[] = "sdA,sdA1";
+    disk_util_mount_storage(list);
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_TRUE(fake::logged("refusing device name 'sdA1'"));
 }
 
 TEST(Mounting, UnmountingABusyFolderRetriesEveryThreeSecondsUntilItIsFree) {
@@ -320,11 +459,11 @@ TEST(Mounting, DeviceListWithShellSyntaxIsRefusedWhole) {
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk"));
 }
 
-TEST(Mounting, RefusedNamesAreShownEscaped) {
+TEST(Mounting, RefusedNamesAreShownWithControlCharactersReplaced) {
     Seams seams;
     char list[] = "sda,sd\x1b[2Jx";
     disk_util_umount_storage(list);
-    EXPECT_TRUE(fake::logged("refusing device name 'sd\\x1b[2Jx'"));
+    EXPECT_TRUE(fake::logged("refusing device name 'sd_[2Jx'"));
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
@@ -343,6 +482,15 @@ TEST(SerialNodes, AdapterGetsACharacterNodeWithItsNumberAsMinor) {
     std::vector<std::string> expected = {"ls /var/dev | grep ttyUSB1 2>&1", "mknod /var/dev/ttyUSB1 c 188 1"};
     EXPECT_EQ(seams.runner.texts(), expected);
     EXPECT_TRUE(fake::logged("run command : mknod /var/dev/ttyUSB1 c 188 1"));
+}
+
+TEST(SerialNodes, AdapterNumberBeyondTheLargestMinorIsRefusedAndGetsNoNode) {
+    Seams seams;
+    EXPECT_EQ(disk_util_create_usb_serial_dev_node("ttyUSB99999999999999999999"), -1);
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_TRUE(fake::logged("refusing device name 'ttyUSB99999999999999999999'"));
+    EXPECT_EQ(disk_util_create_usb_serial_dev_node("ttyUSB1048575"), 0);
+    EXPECT_TRUE(ran(seams, "mknod /var/dev/ttyUSB1048575 c 188 1048575"));
 }
 
 TEST(SerialNodes, ExistingAdapterNodeIsReportedAsFailure) {
@@ -385,6 +533,59 @@ TEST(StartUpMount, DisksListedInPortFilesAreMountedAndSerialAdaptersAreNot) {
     for (const auto& t : texts) EXPECT_EQ(t.find("ttyUSB"), std::string::npos) << t;
 }
 
+TEST(MountStorage, PortLineCutAtNineteenCharactersStillMountsTheFirstPartitions) {
+    Seams seams;
+    use_mount_root();
+    MountTable table;
+    seams.runner.respond = [&](const std::string& t) { return table.respond(t); };
+    mkdir("/tmp/usb", 0755);
+    // The list kept at start-up is "sda,sda1,sda2,sda3,": its last name is empty.
+    testing_support::write_file("/tmp/usb/1-1", "sda,sda1,sda2,sda3,sda4\r\n");
+    EXPECT_EQ(disk_util_init_mount_exist_disk(), 0);
+    EXPECT_TRUE(ran(seams, "mknod /var/dev/sda b 8 0"));
+    EXPECT_EQ(table.mounted, (std::set<std::string>{"/tmp/disk/sda1", "/tmp/disk/sda2", "/tmp/disk/sda3"}));
+    for (const auto& t : fake::log_texts()) EXPECT_EQ(t.rfind("refusing", 0), std::string::npos) << t;
+}
+
+TEST(MountStorage, PortLineEndingInAnEmptyNameMountsItsPartitions) {
+    Seams seams;
+    use_mount_root();
+    MountTable table;
+    seams.runner.respond = [&](const std::string& t) { return table.respond(t); };
+    mkdir("/tmp/usb", 0755);
+    testing_support::write_file("/tmp/usb/1-1", "sda,sda1,sda2,sda3,\r\n");
+    disk_util_init_mount_exist_disk();
+    EXPECT_EQ(table.mounted, (std::set<std::string>{"/tmp/disk/sda1", "/tmp/disk/sda2", "/tmp/disk/sda3"}));
+}
+
+TEST(MountStorage, PortLineOfFiftyCharactersAndMoreMountsOnlyWholeNames) {
+    Seams seams;
+    use_mount_root();
+    MountTable table;
+    seams.runner.respond = [&](const std::string& t) { return table.respond(t); };
+    mkdir("/tmp/usb", 0755);
+    // Cut to nineteen characters this is "sda,sda10,sda11,sda": the last
+    // "sda" is a piece of sda12, not a partition.
+    testing_support::write_file("/tmp/usb/1-1", "sda,sda10,sda11,sda12,sda13,sda14,sda15,sda1,sda2,sda3\r\n");
+    disk_util_init_mount_exist_disk();
+    EXPECT_EQ(table.mounted, (std::set<std::string>{"/tmp/disk/sda10", "/tmp/disk/sda11"}));
+    EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda"));
+    EXPECT_FALSE(ran(seams, "mount -v -t auto /var/dev/sda /tmp/disk/sda"));
+}
+
+TEST(MountStorage, PortLineCutByTheReadMountsOnlyWholeNames) {
+    Seams seams;
+    use_mount_root();
+    MountTable table;
+    seams.runner.respond = [&](const std::string& t) { return table.respond(t); };
+    mkdir("/tmp/usb", 0755);
+    // Forty-nine characters are read: the list is cut inside the line and the
+    // start-up list of nineteen ends at a whole name.
+    testing_support::write_file("/tmp/usb/1-1", "sda,sda1,sda2,sda13,sda14,sda15,sda5,sda6,sda7,sda8,sda9\r\n");
+    disk_util_init_mount_exist_disk();
+    EXPECT_EQ(table.mounted, (std::set<std::string>{"/tmp/disk/sda1", "/tmp/disk/sda2", "/tmp/disk/sda13"}));
+}
+
 TEST(StartUpMount, MissingPortFolderDoesNothing) {
     Seams seams;
     use_mount_root();
@@ -421,6 +622,23 @@ TEST(Shutdown, EveryMountUnderTheRootIsUnmountedAndRemovedOnce) {
     EXPECT_TRUE(fake::logged("run command : rm -R /tmp/disk/sdb1"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda1"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sdb1"));
+}
+
+TEST(Shutdown, MountsOutsideTheMountRootAreLeftAlone) {
+    Seams seams;
+    use_mount_root();
+    mkdir("/tmp/disk", 0775);
+    mkdir("/tmp/disk/sda1", 0775);
+    const std::string listing = "mount | grep \"/tmp/disk\" | awk -F \"[ ]\" '{print $3}' 2>&1";
+    // grep finds the root in other lines too: a folder whose name begins
+    // like the root, and a bind mount of a folder of the disk elsewhere.
+    seams.runner.respond = [&](const std::string& t) {
+        return t == listing ? std::string("/tmp/disk/sda1\n/tmp/diskette\n/mnt/backup\n/tmp/disk\n/tmp/disk/sda1/x\n")
+                            : std::string();
+    };
+    EXPECT_EQ(remove_all_mount_disk(), -1);
+    std::vector<std::string> expected = {listing, "umount /tmp/disk/sda1", "rm -R /tmp/disk/sda1"};
+    EXPECT_EQ(seams.runner.texts(), expected);
 }
 
 TEST(Runner, StartedCommandIsLoggedAndGivesZero) {

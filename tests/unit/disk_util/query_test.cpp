@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "db_util/str.h"
 #include "disk_util/disk_util.h"
 #include "platform_fake.h"
 #include "test_support.h"
@@ -98,22 +99,50 @@ TEST(DiskQueries, FolderNamesAreCutToFiftyFourCharacters) {
     EXPECT_EQ(std::string(name), std::string(54, 'f'));
 }
 
-TEST(DiskQueries, DfLinesOfSda1AndSda10BothCountForSda1) {
+TEST(DiskQueries, DfLineOfSda10DoesNotCountForSda1) {
     Seams seams;
     seams.runner.respond = [](const std::string& t) {
         if (t != "df -m | grep sda1 2>&1") return std::string();
         return std::string(
-            "/dev/sda1                100        40        60  40% /tmp/disk/sda1\n"
-            "/dev/sda10               200        10       190   5% /tmp/disk/sda10\n");
+            "/var/dev/sda1            100        40        60  40% /tmp/disk/sda1\n"
+            "/var/dev/sda10           200        10       190   5% /tmp/disk/sda10\n");
     };
     DiskSize size{7, 7};
     DiskSize r = disk_util_get_disk_size(&size, "sda1");
-    EXPECT_EQ(size.total, 300u);
-    EXPECT_EQ(size.used, 50u);
-    EXPECT_EQ(r.total, 300u);
-    EXPECT_EQ(r.used, 50u);
+    EXPECT_EQ(size.total, 100u);
+    EXPECT_EQ(size.used, 40u);
+    EXPECT_EQ(r.total, 100u);
+    EXPECT_EQ(r.used, 40u);
     EXPECT_EQ(seams.runner.texts(), std::vector<std::string>{"df -m | grep sda1 2>&1"});
     EXPECT_TRUE(seams.runner.calls()[0].shell);
+}
+
+TEST(DiskQueries, DfLinesOfEveryPartitionCountForTheDiskAndNoOtherDisk) {
+    Seams seams;
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk");
+    seams.runner.respond = [](const std::string& t) {
+        if (t != "df -m | grep sda 2>&1") return std::string();
+        return std::string(
+            "/var/dev/sda1            100        40        60  40% /tmp/disk/sda1\n"
+            "/var/dev/sda10           200        10       190   5% /tmp/disk/sda10\n"
+            "/var/dev/sdb1            400         1       399   1% /mnt/sda\n"
+            "tmpfs                    800         2       798   1% /tmp/sdata\n");
+    };
+    DiskSize size{7, 7};
+    disk_util_get_disk_size(&size, "sda");
+    EXPECT_EQ(size.total, 300u);  // sda1 and sda10; not sdb1 on a folder named sda
+    EXPECT_EQ(size.used, 50u);
+}
+
+TEST(DiskQueries, DfLineIsMatchedByItsMountFolderWhenTheDeviceIsNamedOtherwise) {
+    Seams seams;
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk");
+    seams.runner.respond = [](const std::string&) {
+        return std::string("/dev/disk/by-uuid/1234     100        40        60  40% /tmp/disk/sda1\n");
+    };
+    DiskSize size{7, 7};
+    disk_util_get_disk_size(&size, "sda1");
+    EXPECT_EQ(size.total, 100u);
 }
 
 TEST(DiskQueries, VolumeThatDfDoesNotListHasSizeZero) {
@@ -137,8 +166,8 @@ namespace {
 
 std::string file_system_of(Seams& seams, const std::string& mount_type) {
     seams.runner.respond = [mount_type](const std::string& t) {
-        if (t == "mount | grep sda1 | awk -F \"[ ]\" '{print $5}' 2>&1" && !mount_type.empty())
-            return mount_type + "\n";
+        if (t == "mount | grep sda1 2>&1" && !mount_type.empty())
+            return "/var/dev/sda1 on /tmp/disk/sda1 type " + mount_type + " (rw,relatime)\n";
         return std::string();
     };
     char type[12] = "untouched";
@@ -154,7 +183,27 @@ TEST(DiskQueries, VfatReportsFat32AndFuseblkReportsNtfs) {
     EXPECT_EQ(file_system_of(seams, "fuseblk"), "NTFS");
     EXPECT_EQ(file_system_of(seams, "fat"), "FAT16");
     EXPECT_EQ(file_system_of(seams, "ext4"), "ext4");
-    EXPECT_EQ(seams.runner.texts().front(), "mount | grep sda1 | awk -F \"[ ]\" '{print $5}' 2>&1");
+    EXPECT_EQ(seams.runner.texts().front(), "mount | grep sda1 2>&1");
+}
+
+TEST(DiskQueries, FileSystemOfSda1IsNotTakenFromTheLineOfSda10) {
+    Seams seams;
+    seams.runner.respond = [](const std::string& t) {
+        if (t != "mount | grep sda1 2>&1") return std::string();
+        return std::string(
+            "/var/dev/sda10 on /tmp/disk/sda10 type fuseblk (rw)\n"
+            "/var/dev/sda1 on /tmp/disk/sda1 type vfat (rw)\n");
+    };
+    char type[12] = "untouched";
+    disk_util_get_storage_file_system("sda1", type, sizeof type);
+    EXPECT_STREQ(type, "FAT32");
+
+    seams.runner.respond = [](const std::string&) {
+        return std::string("/var/dev/sda10 on /tmp/disk/sda10 type fuseblk (rw)\n");
+    };
+    char none[12] = "untouched";
+    disk_util_get_storage_file_system("sda1", none, sizeof none);
+    EXPECT_STREQ(none, "untouched");
 }
 
 TEST(DiskQueries, FileSystemOfAnUnmountedVolumeLeavesTheOutputUntouched) {

@@ -181,7 +181,7 @@ TEST(StartUpScan, BusSummaryFailureLeavesTheDescriptorEmpty) {
     EXPECT_EQ(fake::dusb().device_queries, 0);
 }
 
-TEST(StartUpScan, DescriptorTextsAreSanitisedBeforeTheyEnterTheTable) {
+TEST(StartUpScan, DescriptorTextsHaveControlCharactersReplacedAndKeepTheirEqualsSign) {
     Seams seams;
     fake::dusb().number_of_bus = 1;
     DusbDeviceInfo d = stick(0, 1, "usb:1-1", "SN=1\nX");
@@ -190,7 +190,7 @@ TEST(StartUpScan, DescriptorTextsAreSanitisedBeforeTheyEnterTheTable) {
     UsbPhysicalInfo record;
     std::memset(&record, 0, sizeof record);
     usbmgr_get_usb_descriptor("1-1", &record);
-    EXPECT_STREQ(record.serial_number, "SN_1_X");
+    EXPECT_STREQ(record.serial_number, "SN=1_X");
     EXPECT_STREQ(record.vendor, "Ac_me");
 }
 
@@ -228,6 +228,55 @@ TEST(StartUpScan, PortFileListWithShellSyntaxIsRefused) {
     EXPECT_TRUE(fake::logged("refusing device name 'sda1;touch /tmp/pwned'"));
     EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
     EXPECT_FALSE(testing_support::file_exists("/tmp/pwned"));
+}
+
+TEST(StartUpScan, PortLineEndingInAnEmptyNameIsStillSeen) {
+    Seams seams;
+    history_settings();
+    make_dev({"sda", "sda1", "sda2", "sda3"});
+    // What a start-up mount of a list cut at nineteen characters leaves behind.
+    make_port_file("1-1", "sda,sda1,sda2,sda3,\r\n");
+    usbmgr_scan_exist_device();
+    EXPECT_STREQ(usb_physical_info[0].attach_device, "sda,sda1,sda2,sda3,");
+    auto lines = history();
+    ASSERT_EQ(lines.size(), 2u + 2 * 3);
+    EXPECT_EQ(lines.back(), "USBMGR.0.ENABLE.2=1");
+    for (const auto& t : fake::log_texts()) EXPECT_EQ(t.rfind("refusing", 0), std::string::npos) << t;
+}
+
+TEST(StartUpScan, PortLineCutAtNineteenCharactersIsSeenWithItsWholeList) {
+    Seams seams;
+    history_settings();
+    make_dev({"sda", "sda1", "sda2", "sda3", "sda4"});
+    make_port_file("1-1", "sda,sda1,sda2,sda3,sda4\r\n");
+    usbmgr_scan_exist_device();
+    EXPECT_STREQ(usb_physical_info[0].attach_device, "sda,sda1,sda2,sda3,sda4");
+    EXPECT_EQ(history().size(), 2u + 2 * 4);
+}
+
+TEST(StartUpScan, PortLineOfFiftyCharactersAndMoreKeepsOnlyWholeNames) {
+    Seams seams;
+    history_settings();
+    make_dev({"sda", "sda1"});
+    // Forty-nine characters are read: "sda,sda1,...,sda9," and no line end.
+    std::string list = "sda";
+    for (int i = 1; i <= 15; ++i) list += ",sda" + std::to_string(i);
+    make_port_file("1-1", list + "\r\n");
+    usbmgr_scan_exist_device();
+    EXPECT_STREQ(usb_physical_info[0].attach_device, "sda,sda1,sda2,sda3,sda4,sda5,sda6,sda7,sda8,sda9");
+    EXPECT_EQ(history().size(), 2u + 2 * 9);
+}
+
+TEST(StartUpScan, PortLineCutInsideANameDropsThatName) {
+    Seams seams;
+    history_settings();
+    make_dev({"sda", "sda1"});
+    // The read ends inside the line, after "sda2"; the old rule (less two
+    // characters) would have kept "sd" as a partition.
+    make_port_file("1-1", "sda,sda10,sda11,sda12,sda13,sda14,sda15,sda1,sda2,sda3\r\n");
+    usbmgr_scan_exist_device();
+    EXPECT_STREQ(usb_physical_info[0].attach_device, "sda,sda10,sda11,sda12,sda13,sda14,sda15,sda1");
+    EXPECT_EQ(history().size(), 2u + 2 * 7);
 }
 
 TEST(StartUpScan, TwentySixthDiskIsSkippedWhenTheTableIsFull) {

@@ -792,17 +792,17 @@ TEST_F(DeviceRecordInput, RefusedAttachDeviceWithControlCharactersIsLoggedOnOneL
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST_F(DeviceRecordInput, SerialNumberWithLineBreakEqualsAndControlCharactersIsRecordedWithUnderscores) {
+TEST_F(DeviceRecordInput, SerialNumberKeepsItsEqualsSignAndHasLineBreakAndControlCharactersReplacedByUnderscores) {
     use_mount_table();
     arrive(make_record("sda,sda1", "AB\nC=D\x01" "E\x7f"));
     EXPECT_EQ(read_lines(TR140_CONF_PATH), (Lines{
-                                               "USBMGR.0.SERIAL_NUMBER=AB_C_D_E_",
+                                               "USBMGR.0.SERIAL_NUMBER=AB_C=D_E_",
                                                "USBMGR.0.PNAME=",
                                                "USBMGR.0.NAME.0=",
                                                "USBMGR.0.ENABLE.0=1",
                                            }));
-    EXPECT_STREQ(usb_physical_info[0].serial_number, "AB_C_D_E_");
-    EXPECT_TRUE(fake::logged("   SerialNumber           = AB_C_D_E_"));
+    EXPECT_STREQ(usb_physical_info[0].serial_number, "AB_C=D_E_");
+    EXPECT_TRUE(fake::logged("   SerialNumber           = AB_C=D_E_"));
 }
 
 TEST_F(DeviceRecordInput, UnterminatedTextFieldsStayWithinTheirFields) {
