@@ -41,8 +41,9 @@ int disk_util_exe_command(const usbmgr::CommandLine& command);
 // Reading the output of the checks. grep matches any part of a line; these
 // decide on whole fields, so that sda1 is never taken for sda10.
 
-// True when a line of output (the "ls | grep" listing) is exactly name.
-bool disk_util_output_has_line(const std::string& output, const char* name);
+// True when a line of output (the "ls | grep" listing) is name, or name is
+// a disk and the line one of its partitions (sda and sda1, never sda1 and sda10).
+bool disk_util_output_names(const std::string& output, const char* name);
 // True when a line of "mount" output has path as its mount point
 // ("<device> on <path> type <type> ...").
 bool disk_util_mount_output_has(const std::string& output, const char* path);

@@ -197,9 +197,10 @@ int disk_util_create_root_folder() {
 int disk_util_dev_node_exist(const char* name) {
     auto cmd = usbmgr::shell_command<kCommandSize>("ls %s | grep %s 2>&1", DISK_UTIL_DEV_PATH, name);
     if (!disk_util_command_ok(cmd)) return 0;
-    // grep matches any part of a name; only a whole line counts, so sda1 is
-    // not taken for sda, nor sda10 for sda1.
-    return check_output(cmd, [&](const std::string& out) { return disk_util_output_has_line(out, name); }) ? 1 : 0;
+    // A disk counts as existing once one of its partitions has a node (sda
+    // with only sda1 there), as grep's part-of-a-line match always had it;
+    // a partition needs its own line, so sda10 is never taken for sda1.
+    return check_output(cmd, [&](const std::string& out) { return disk_util_output_names(out, name); }) ? 1 : 0;
 }
 
 int disk_util_create_block_dev_node(const char* name) {

@@ -136,11 +136,11 @@ bool mount_point_names(std::string_view path, const char* name) {
 
 }  // namespace
 
-bool disk_util_output_has_line(const std::string& output, const char* name) {
+bool disk_util_output_names(const std::string& output, const char* name) {
     for (const std::string& line : usbmgr::fgets_lines(output, kLineSize)) {
         std::string_view l(line);
         while (!l.empty() && (l.back() == '\n' || l.back() == '\r')) l.remove_suffix(1);
-        if (l == name) return true;
+        if (!l.empty() && disk_util_path_names(l, name)) return true;
     }
     return false;
 }
