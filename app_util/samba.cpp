@@ -1,0 +1,212 @@
+// Samba: the configuration file from its line table, the settings and one
+// share per folder of the mount root, and starting and reloading smbd and
+// nmbd. The stop loop is in process.cpp.
+#include <dirent.h>
+#include <sys/stat.h>
+
+#include <cctype>
+#include <cstring>
+#include <string>
+
+#include "app_util/app_util.h"
+#include "app_util/app_util_internal.h"
+#include "db_util/clock.h"
+#include "db_util/db_util.h"
+#include "db_util/log.h"
+#include "db_util/owners.h"
+
+namespace {
+
+constexpr const char kLogModule[] = "app_util.c";
+constexpr const char kSambaDir[] = "/var/samba";
+// Volume name and serial number buffers of the share loop.
+constexpr std::size_t kNameSize = 64;
+
+using app_util_internal::field_text;
+
+using SambaField = std::string (*)(const SambaConf&);
+#define FIELD(name) [](const SambaConf& c) { return field_text(c.name); }
+
+struct SambaRow {
+    bool enabled;
+    const char* key;  // indent, parameter and " = ", or the section header
+    const char* default_value;
+    SambaField field;
+};
+
+// Where a setting overrides a row its default is never written; it only
+// documents the intended value. dos charset, interfaces and bind interfaces
+// only stay off although the last two have settings of their own.
+const SambaRow kRows[] = {
+    {true, "[global]", "", nullptr},
+    {true, "   log file = ", "/var/samba/log.%m", FIELD(log_file)},
+    {true, "   max log size = ", "500", FIELD(max_log_size)},
+    {true, "   log level = ", "1", FIELD(log_level)},
+    {true, "   password level = ", "1", nullptr},
+    {true, "   load printers = ", "no", FIELD(load_printers)},
+    {true, "   printcap name = ", "/dev/null", FIELD(printcap_name)},
+    {true, "   printing = ", "bsd", FIELD(printing)},
+    {true, "   security = ", "user", FIELD(security)},
+    {true, "   encrypt passwords = ", "yes", nullptr},
+    {true, "   display charset = ", "utf8", nullptr},
+    {true, "   unix charset = ", "utf8", nullptr},
+    {false, "   dos charset = ", "cp950", nullptr},
+    {true, "   workgroup = ", "WORKGROUP", FIELD(workgroup)},
+    {true, "   disable netbios = ", "no", FIELD(disable_netbios)},
+    {true, "   netbios name = ", "NVQ40XX", FIELD(netbios_name)},
+    {true, "   name resolve order = ", "bcast host", nullptr},
+    {true, "   server string = ", "%h server (Samba, Ubuntu)", FIELD(server_string)},
+    {true, "   usershare allow guests = ", "yes", FIELD(usershare_allow_guests)},
+    {true, "   guest account = ", "1234", FIELD(guest_account)},
+    {false, "   interfaces = ", "", FIELD(interfaces)},
+    {false, "   bind interfaces only = ", "no", FIELD(bind_interfaces_only)},
+    // The path of the user map file, not the mapped name.
+    {true, "   username map = ", "/var/samba/smbusers", FIELD(username_map_dir)},
+};
+#undef FIELD
+static_assert(sizeof kRows / sizeof kRows[0] == 23);
+
+bool samba_space(char c) { return std::isspace(static_cast<unsigned char>(c)) != 0; }
+
+// A value that ends its line: on one line, cut to fit, and without a
+// backslash as its last visible character, which Samba would read as
+// "continued on the next line".
+std::string line_end_value(std::string_view prefix, std::string_view value) {
+    std::string v = app_util_internal::fit_value(prefix, app_util_internal::line_safe(value), "");
+    std::size_t last = v.size();
+    while (last > 0 && samba_space(v[last - 1])) --last;
+    if (last > 0 && v[last - 1] == '\\') v[last - 1] = '_';
+    return v;
+}
+
+// Section names Samba gives a meaning of its own; it compares them without
+// regard to case or white space.
+bool reserved_section(std::string_view name) {
+    std::string folded;
+    for (char c : name)
+        if (!samba_space(c)) folded.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
+    return folded == "global" || folded == "homes" || folded == "printers";
+}
+
+// The name between the brackets of a share header: '[' and ']' become '_'
+// so the header ends where it should; a name of blanks only (Samba refuses
+// an empty section name and with it the whole file) and a reserved name
+// (its lines would join the global or a special section) are made plain.
+std::string section_name(std::string_view name) {
+    std::string n = app_util_internal::fit_value("[", app_util_internal::line_safe(name), "]_");
+    bool blank = true;
+    for (char& c : n) {
+        if (c == '[' || c == ']') c = '_';
+        if (!samba_space(c)) blank = false;
+    }
+    if (blank)
+        for (char& c : n) c = '_';
+    if (reserved_section(n)) n.push_back('_');
+    return n;
+}
+
+// The folders of the mount root in directory order; false when it cannot be listed.
+bool list_mount_root(std::vector<std::string>& folders) {
+    usbmgr::DirPtr dir(opendir(MOUNT_DISK_PATH));
+    if (!dir) return false;
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "Searching Samba shared disk ...");
+    while (dirent* e = readdir(dir.get())) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        folders.emplace_back(e->d_name);
+    }
+    return true;
+}
+
+}  // namespace
+
+std::vector<AppUtilSambaShare> app_util_samba_shares(const std::vector<std::string>& folders) {
+    std::vector<AppUtilSambaShare> shares;
+    // Survives from folder to folder: a folder of an unknown disk is shared
+    // under the name the previous folder left here.
+    char volume_name[kNameSize] = {};
+    for (const std::string& folder : folders) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "found %s ...", folder.c_str());
+        char serial[kNameSize] = {};
+        // Not found answers like found; the cleared buffer tells them apart.
+        bool known = db_util_get_device_serial_number(folder.c_str(), serial) == 0 && serial[0] != '\0';
+        if (known) {
+            // Disabled volumes are not shared.
+            if (db_util_get_tr140_volume_status(folder.c_str(), serial) != 1) continue;
+            std::memset(volume_name, 0, sizeof volume_name);
+            db_util_get_tr140_volume_name(folder.c_str(), serial, volume_name);
+        }
+        shares.push_back({folder, std::string(volume_name, strnlen(volume_name, sizeof volume_name))});
+    }
+    return shares;
+}
+
+std::string app_util_render_samba_conf(const SambaConf& conf, const char* mount_root,
+                                       const std::vector<AppUtilSambaShare>& shares) {
+    using app_util_internal::append_line;
+    using app_util_internal::fit_value;
+    using app_util_internal::line_safe;
+
+    std::string out;
+    for (const SambaRow& row : kRows) {
+        if (!row.enabled) continue;
+        std::string value = row.field ? row.field(conf) : std::string(row.default_value);
+        append_line(out, row.key, line_end_value(row.key, value), "");
+    }
+
+    const std::string root = mount_root ? std::string(mount_root, strnlen(mount_root, MOUNT_DISK_PATH_SIZE)) : "";
+    const char* is_public = field_text(conf.security) == "share" ? "yes" : "no";
+    for (const AppUtilSambaShare& share : shares) {
+        const bool named = !share.volume_name.empty();
+        append_line(out, "[", section_name(named ? share.volume_name : share.folder), "]");
+        if (named) {
+            std::string text = share.volume_name + " (" + share.folder + ")";
+            append_line(out, "   comment = ", fit_value("   comment = ", line_safe(text), " shared disk"),
+                        " shared disk");
+        } else {
+            append_line(out, "   comment = ", fit_value("   comment = ", line_safe(share.folder), " shared disk"),
+                        " shared disk");
+        }
+        append_line(out, "   path = ", line_end_value("   path = ", root + "/" + share.folder), "");
+        append_line(out, "   public = ", is_public, "");
+        append_line(out, "   writable = ", "yes", "");
+        append_line(out, "   create mode = ", "0750", "");
+    }
+    return out;
+}
+
+void app_util_write_samba_conf() {
+    if (usbmgr::DirPtr dir(opendir(kSambaDir)); !dir) mkdir(kSambaDir, 0775);
+    std::string path = field_text(SAMBA_CONF.conf_dir);
+    usbmgr::UniqueFd fd = app_util_internal::create_new_file(path.c_str());
+    if (!fd) return;
+    // A mount root that cannot be listed leaves the global section alone.
+    std::vector<std::string> folders;
+    std::vector<AppUtilSambaShare> shares;
+    if (list_mount_root(folders)) shares = app_util_samba_shares(folders);
+    app_util_internal::write_text(fd, app_util_render_samba_conf(SAMBA_CONF, MOUNT_DISK_PATH, shares));
+}
+
+int app_util_start_samba() {
+    if (app_util_check_process("smbd") == 1) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Kill samba");
+        app_util_stop_samba();
+        usbmgr::sys_clock().sleep_us(100000);
+    }
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "Start Samba");
+    app_util_write_samba_conf();
+    db_util_exe_command(app_util_internal::server_command({"/bin/smbd"}));
+    return db_util_exe_command(app_util_internal::server_command({"/bin/nmbd"}));
+}
+
+void app_util_samba_reload_conf() {
+    // Always rewritten, even with Samba off: a reload is a full restart.
+    app_util_write_samba_conf();
+    if (app_util_check_process("smbd") == 1) {
+        app_util_stop_samba();
+        usbmgr::sys_clock().sleep_us(500000);
+    }
+    if (SAMBA_CONF.enable) {
+        db_util_exe_command(app_util_internal::server_command({"/bin/smbd"}));
+        db_util_exe_command(app_util_internal::server_command({"/bin/nmbd"}));
+    }
+}
