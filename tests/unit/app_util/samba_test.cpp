@@ -1,0 +1,472 @@
+// The Samba configuration file (global section and shares) and the
+// servers' start and reload, seen through the rendered text, the file, the
+// fake runner and the fake clock.
+#include <sys/stat.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "app_util/app_util.h"
+#include "db_util/db_util.h"
+#include "db_util/str.h"
+#include "platform_fake.h"
+#include "test_support.h"
+
+using testing_support::file_exists;
+using testing_support::read_lines;
+using testing_support::Seams;
+using testing_support::write_file;
+
+namespace {
+
+const char kConf[] = "/tmp/smb.conf";
+const char kSmbdCheck[] = "ps | grep smbd | grep -v grep 2>&1";
+const char kNmbdCheck[] = "ps | grep nmbd | grep -v grep 2>&1";
+
+const std::vector<std::string> kGlobalLines = {
+    "[global]",
+    "   log file = /var/samba/log.%m",
+    "   max log size = 500",
+    "   log level = 1",
+    "   password level = 1",
+    "   load printers = no",
+    "   printcap name = /dev/null",
+    "   printing = bsd",
+    "   security = user",
+    "   encrypt passwords = yes",
+    "   display charset = utf8",
+    "   unix charset = utf8",
+    "   workgroup = WORKGROUP",
+    "   disable netbios = no",
+    "   netbios name = NVQ40XX",
+    "   name resolve order = bcast host",
+    "   server string = %h server (Samba, Ubuntu)",
+    "   usershare allow guests = yes",
+    "   guest account = 1234",
+    "   username map = /var/samba/smbusers",
+};
+
+// The factory settings, with the file moved out of /etc for the tests.
+void load_factory_settings() {
+    std::memset(&MINIDLNA_CONF, 0, sizeof MINIDLNA_CONF);
+    std::memset(&SAMBA_CONF, 0, sizeof SAMBA_CONF);
+    std::memset(usb_physical_info, 0, sizeof usb_physical_info);
+    write_file(USBMGR_CONF_PATH, testing_support::factory_settings());
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    ASSERT_STREQ(SAMBA_CONF.conf_dir, "/etc/samba/smb.conf");
+    usbmgr::copy_str(SAMBA_CONF.conf_dir, kConf);
+}
+
+std::vector<std::string> split_lines(const std::string& text) {
+    std::vector<std::string> lines;
+    std::string line;
+    for (char c : text) {
+        if (c == '\n') {
+            lines.push_back(line);
+            line.clear();
+        } else {
+            line += c;
+        }
+    }
+    EXPECT_TRUE(line.empty()) << "last line without its newline: " << line;
+    return lines;
+}
+
+std::vector<std::string> render(const std::vector<AppUtilSambaShare>& shares) {
+    return split_lines(app_util_render_samba_conf(SAMBA_CONF, MOUNT_DISK_PATH, shares));
+}
+
+// The lines after the global section.
+std::vector<std::string> share_lines(const std::vector<std::string>& lines) {
+    return std::vector<std::string>(lines.begin() + static_cast<long>(kGlobalLines.size()), lines.end());
+}
+
+std::vector<std::string> section(const std::string& header, const std::string& comment, const std::string& folder,
+                                 const char* is_public = "no") {
+    return {header, "   comment = " + comment, "   path = /tmp/disk/" + folder, std::string("   public = ") + is_public,
+            "   writable = yes", "   create mode = 0750"};
+}
+
+// Disk sda (serial S1) with volume 0 named Music and enabled, volume 1
+// unnamed and disabled, volume 2 unnamed and enabled.
+void attach_disk_with_history() {
+    usbmgr::copy_str(usb_physical_info[0].attach_device, "sda,sda1,sda2,sda3");
+    usbmgr::copy_str(usb_physical_info[0].serial_number, "S1");
+    write_file(TR140_CONF_PATH,
+               "USBMGR.0.SERIAL_NUMBER=S1\n"
+               "USBMGR.0.PNAME=\n"
+               "USBMGR.0.NAME.0=Music\n"
+               "USBMGR.0.ENABLE.0=1\n"
+               "USBMGR.0.NAME.1=Backup\n"
+               "USBMGR.0.ENABLE.1=0\n"
+               "USBMGR.0.NAME.2=\n"
+               "USBMGR.0.ENABLE.2=1\n");
+}
+
+int count_headers(const std::vector<std::string>& lines) {
+    int n = 0;
+    for (const auto& l : lines)
+        if (!l.empty() && l[0] == '[') ++n;
+    return n;
+}
+
+}  // namespace
+
+TEST(SambaConf, FactorySettingsAndNoDisksGiveTheTwentyGlobalLines) {
+    Seams seams;
+    load_factory_settings();
+    EXPECT_EQ(render({}), kGlobalLines);
+}
+
+TEST(SambaConf, RenderingLogsAndRunsNothing) {
+    Seams seams;
+    load_factory_settings();
+    fake::reset();
+    app_util_render_samba_conf(SAMBA_CONF, MOUNT_DISK_PATH, {{"sda1", "Music"}});
+    EXPECT_TRUE(fake::log_texts().empty());
+    EXPECT_TRUE(seams.runner.calls().empty());
+}
+
+TEST(SambaConf, SwitchedOffRowsStayOffWhateverTheirSettings) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(SAMBA_CONF.interfaces, "eth0");
+    usbmgr::copy_str(SAMBA_CONF.bind_interfaces_only, "yes");
+    std::string text = app_util_render_samba_conf(SAMBA_CONF, MOUNT_DISK_PATH, {});
+    EXPECT_EQ(text.find("interfaces"), std::string::npos);
+    EXPECT_EQ(text.find("dos charset"), std::string::npos);
+}
+
+TEST(SambaConf, UserMapLineNamesTheMapFileNotTheMappedName) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(SAMBA_CONF.username_map, "alice");
+    usbmgr::copy_str(SAMBA_CONF.username_map_dir, "/var/samba/users.map");
+    EXPECT_EQ(render({}).back(), "   username map = /var/samba/users.map");
+}
+
+TEST(SambaConf, SettingsReplaceTheDefaultsOfTheirRows) {
+    Seams seams;
+    SambaConf conf{};
+    usbmgr::copy_str(conf.workgroup, "HOME");
+    usbmgr::copy_str(conf.netbios_name, "GATEWAY");
+    usbmgr::copy_str(conf.log_file, "/var/log/samba/%m.log");
+    auto lines = split_lines(app_util_render_samba_conf(conf, "/tmp/disk", {}));
+    ASSERT_EQ(lines.size(), 20u);
+    EXPECT_EQ(lines[1], "   log file = /var/log/samba/%m.log");
+    EXPECT_EQ(lines[2], "   max log size = ");
+    EXPECT_EQ(lines[4], "   password level = 1");
+    EXPECT_EQ(lines[12], "   workgroup = HOME");
+    EXPECT_EQ(lines[14], "   netbios name = GATEWAY");
+    EXPECT_EQ(lines[15], "   name resolve order = bcast host");
+}
+
+TEST(SambaConf, NamedVolumeGivesItsNameInHeaderAndComment) {
+    Seams seams;
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"sda1", "Music"}})), section("[Music]", "Music (sda1) shared disk", "sda1"));
+}
+
+TEST(SambaConf, UnnamedVolumeIsSharedUnderItsFolderName) {
+    Seams seams;
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"sdb1", ""}})), section("[sdb1]", "sdb1 shared disk", "sdb1"));
+}
+
+TEST(SambaConf, SecurityShareMakesEverySectionPublic) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(SAMBA_CONF.security, "share");
+    auto lines = share_lines(render({{"sda1", "Music"}, {"sdb1", ""}}));
+    EXPECT_EQ(lines[3], "   public = yes");
+    EXPECT_EQ(lines[9], "   public = yes");
+}
+
+TEST(SambaConf, SecurityUserMakesNoSectionPublic) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(SAMBA_CONF.security, "user");
+    auto lines = share_lines(render({{"sda1", "Music"}, {"sdb1", ""}}));
+    EXPECT_EQ(lines[3], "   public = no");
+    EXPECT_EQ(lines[9], "   public = no");
+}
+
+TEST(SambaConf, SecurityMustBeExactlyShareToMakeSectionsPublic) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(SAMBA_CONF.security, "Share");
+    EXPECT_EQ(share_lines(render({{"sda1", ""}}))[3], "   public = no");
+}
+
+TEST(SambaConf, SectionsFollowEachOtherWithoutBlankLines) {
+    Seams seams;
+    load_factory_settings();
+    auto lines = share_lines(render({{"sda1", "Music"}, {"sdb1", ""}}));
+    ASSERT_EQ(lines.size(), 12u);
+    EXPECT_EQ(lines[6], "[sdb1]");
+}
+
+TEST(SambaShares, DisabledVolumeGetsNoSection) {
+    Seams seams;
+    load_factory_settings();
+    attach_disk_with_history();
+    auto shares = app_util_samba_shares({"sda2"});
+    EXPECT_TRUE(shares.empty());
+}
+
+TEST(SambaShares, StoredNameIsTakenFromTheHistoryOfTheDisk) {
+    Seams seams;
+    load_factory_settings();
+    attach_disk_with_history();
+    auto shares = app_util_samba_shares({"sda1", "sda2", "sda3"});
+    ASSERT_EQ(shares.size(), 2u);
+    EXPECT_EQ(shares[0].folder, "sda1");
+    EXPECT_EQ(shares[0].volume_name, "Music");
+    EXPECT_EQ(shares[1].folder, "sda3");
+    EXPECT_EQ(shares[1].volume_name, "");
+}
+
+TEST(SambaShares, FolderWithoutAKnownSerialNumberAfterANamedVolumeInheritsItsName) {
+    Seams seams;
+    load_factory_settings();
+    attach_disk_with_history();
+    auto shares = app_util_samba_shares({"sda1", "sdz1"});
+    ASSERT_EQ(shares.size(), 2u);
+    EXPECT_EQ(shares[1].folder, "sdz1");
+    EXPECT_EQ(shares[1].volume_name, "Music");
+    EXPECT_EQ(share_lines(render(shares)),
+              [] {
+                  auto a = section("[Music]", "Music (sda1) shared disk", "sda1");
+                  auto b = section("[Music]", "Music (sdz1) shared disk", "sdz1");
+                  a.insert(a.end(), b.begin(), b.end());
+                  return a;
+              }());
+}
+
+TEST(SambaShares, FolderWithoutAKnownSerialNumberFirstIsSharedUnderItsFolderName) {
+    Seams seams;
+    load_factory_settings();
+    attach_disk_with_history();
+    auto shares = app_util_samba_shares({"sdz1", "sda1"});
+    ASSERT_EQ(shares.size(), 2u);
+    EXPECT_EQ(shares[0].volume_name, "");
+    EXPECT_EQ(shares[1].volume_name, "Music");
+}
+
+TEST(SambaShares, UnnamedVolumeAfterANamedOneClearsTheName) {
+    Seams seams;
+    load_factory_settings();
+    attach_disk_with_history();
+    auto shares = app_util_samba_shares({"sda1", "sda3", "sdz1"});
+    ASSERT_EQ(shares.size(), 3u);
+    EXPECT_EQ(shares[1].volume_name, "");
+    EXPECT_EQ(shares[2].volume_name, "");
+}
+
+TEST(SambaShares, EachFolderIsLogged) {
+    Seams seams;
+    load_factory_settings();
+    attach_disk_with_history();
+    fake::reset();
+    app_util_samba_shares({"sda1", "sda2"});
+    std::vector<std::string> found;
+    for (const auto& t : fake::log_texts())
+        if (t.rfind("found ", 0) == 0) found.push_back(t);
+    EXPECT_EQ(found, (std::vector<std::string>{"found sda1 ...", "found sda2 ..."}));
+}
+
+TEST(SambaConfText, VolumeNameWithBracketsAndLineBreaksAddsNoSectionOrParameter) {
+    Seams seams;
+    load_factory_settings();
+    auto lines = share_lines(render({{"sda1", "x]\n[evil]\n   path = /etc"}}));
+    ASSERT_EQ(lines.size(), 6u);
+    EXPECT_EQ(lines[0], "[x___evil__   path = /etc]");
+    EXPECT_EQ(count_headers(lines), 1);
+    EXPECT_EQ(lines[2], "   path = /tmp/disk/sda1");
+}
+
+TEST(SambaConfText, HeaderNameHoldsNoBracket) {
+    Seams seams;
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"sda1", "[a]b["}}))[0], "[_a_b_]");
+    EXPECT_EQ(share_lines(render({{"sd]a1", ""}}))[0], "[sd_a1]");
+}
+
+TEST(SambaConfText, ReservedSectionNamesAreMadePlain) {
+    Seams seams;
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"sda1", "global"}}))[0], "[global_]");
+    EXPECT_EQ(share_lines(render({{"sda1", " Glo Bal "}}))[0], "[ Glo Bal _]");
+    EXPECT_EQ(share_lines(render({{"sda1", "HOMES"}}))[0], "[HOMES_]");
+    EXPECT_EQ(share_lines(render({{"sda1", "printers"}}))[0], "[printers_]");
+    EXPECT_EQ(share_lines(render({{"sda1", "globals"}}))[0], "[globals]");
+}
+
+TEST(SambaConfText, BlankVolumeNameIsMadePlain) {
+    Seams seams;
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"sda1", "   "}}))[0], "[___]");
+}
+
+TEST(SambaConfText, SettingValueWithLineBreaksStaysOnItsOwnLine) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(SAMBA_CONF.workgroup, "HOME\n[share]\npath = /");
+    auto lines = render({});
+    ASSERT_EQ(lines.size(), 20u);
+    EXPECT_EQ(lines[12], "   workgroup = HOME_[share]_path = /");
+    EXPECT_EQ(count_headers(lines), 1);
+}
+
+TEST(SambaConfText, ValueEndingInABackslashDoesNotContinueOntoTheNextLine) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(SAMBA_CONF.workgroup, "HOME\\  ");
+    usbmgr::copy_str(SAMBA_CONF.server_string, "a\\b");
+    auto lines = render({{"sda1\\", ""}});
+    EXPECT_EQ(lines[12], "   workgroup = HOME_  ");
+    EXPECT_EQ(lines[16], "   server string = a\\b");
+    EXPECT_EQ(share_lines(lines)[2], "   path = /tmp/disk/sda1_");
+}
+
+TEST(SambaConfText, LongFolderNameIsCutButEveryLineKeepsItsEnd) {
+    Seams seams;
+    load_factory_settings();
+    std::string folder(255, 'f');
+    auto lines = share_lines(render({{folder, ""}}));
+    ASSERT_EQ(lines.size(), 6u);
+    for (const auto& l : lines) EXPECT_LE(l.size() + 1, 199u) << l;
+    EXPECT_EQ(lines[0].front(), '[');
+    EXPECT_EQ(lines[0].back(), ']');
+    EXPECT_EQ(lines[1].substr(lines[1].size() - 12), " shared disk");
+}
+
+TEST(SambaConfText, FieldsWithoutTerminatorAreReadToTheirEndOnly) {
+    Seams seams;
+    SambaConf conf;
+    std::memset(&conf, 'w', sizeof conf);
+    auto lines = split_lines(app_util_render_samba_conf(conf, "/tmp/disk", {}));
+    ASSERT_EQ(lines.size(), 20u);
+    EXPECT_EQ(lines[12], "   workgroup = " + std::string(64, 'w'));
+    EXPECT_EQ(lines[3], "   log level = " + std::string(10, 'w'));
+}
+
+TEST(SambaConfFile, WriteSharesEveryEnabledFolderOfTheMountRoot) {
+    Seams seams;
+    load_factory_settings();
+    attach_disk_with_history();
+    mkdir("/tmp/disk", 0775);
+    mkdir("/tmp/disk/sda1", 0775);
+    mkdir("/tmp/disk/sda2", 0775);
+    umask(022);
+    fake::reset();
+    app_util_write_samba_conf();
+    auto lines = read_lines(kConf);
+    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 20), kGlobalLines);
+    EXPECT_EQ(share_lines(lines), section("[Music]", "Music (sda1) shared disk", "sda1"));
+    EXPECT_TRUE(fake::logged("Searching Samba shared disk ..."));
+    struct stat st {};
+    ASSERT_EQ(stat(kConf, &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0644u);
+    ASSERT_EQ(stat("/var/samba", &st), 0);
+    EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+TEST(SambaConfFile, MountRootThatCannotBeListedLeavesTheGlobalSectionOnly) {
+    Seams seams;
+    load_factory_settings();
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/no-such-root");
+    write_file(kConf, "[old]\n");
+    fake::reset();
+    app_util_write_samba_conf();
+    EXPECT_EQ(read_lines(kConf), kGlobalLines);
+    EXPECT_FALSE(fake::logged("Searching Samba shared disk ..."));
+}
+
+TEST(SambaConfFile, FileThatCannotBeCreatedIsSkippedWithoutListingTheMountRoot) {
+    Seams seams;
+    load_factory_settings();
+    mkdir("/tmp/disk", 0775);
+    usbmgr::copy_str(SAMBA_CONF.conf_dir, "/tmp/no/such/smb.conf");
+    fake::reset();
+    app_util_write_samba_conf();
+    EXPECT_FALSE(file_exists("/tmp/no/such/smb.conf"));
+    EXPECT_TRUE(fake::log_texts().empty());
+}
+
+TEST(StartSamba, StartWithoutSmbdWritesTheFileAndStartsBothServers) {
+    Seams seams;
+    load_factory_settings();
+    fake::reset();
+    EXPECT_EQ(app_util_start_samba(), 0);
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck, "/bin/smbd", "/bin/nmbd"}));
+    EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"check process smbd", "Start Samba",
+                                                            "run command : /bin/smbd", "run command : /bin/nmbd"}));
+    EXPECT_EQ(read_lines(kConf), kGlobalLines);
+    EXPECT_TRUE(seams.clock.sleeps().empty());
+}
+
+TEST(StartSamba, ResultIsThatOfTheNmbdStart) {
+    Seams seams;
+    load_factory_settings();
+    seams.runner.fail_start = true;
+    EXPECT_EQ(app_util_start_samba(), 1);
+}
+
+TEST(StartSamba, RunningSmbdIsStoppedFirst) {
+    Seams seams;
+    load_factory_settings();
+    int smbd_checks = 0;
+    seams.runner.respond = [&](const std::string& t) {
+        return t == kSmbdCheck && smbd_checks++ < 2 ? std::string(" 1 root smbd -D\n") : std::string();
+    };
+    fake::reset();
+    app_util_start_samba();
+    EXPECT_EQ(seams.runner.texts(),
+              (std::vector<std::string>{kSmbdCheck, kSmbdCheck, kNmbdCheck, "killall smbd", "killall nmbd",
+                                        "killall -9 smbd", kSmbdCheck, kNmbdCheck, "/bin/smbd", "/bin/nmbd"}));
+    EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{500000, 500000, 100000}));
+    EXPECT_TRUE(fake::logged("Kill samba"));
+}
+
+TEST(StartSamba, StartDoesNotLookAtTheEnableSetting) {
+    Seams seams;
+    load_factory_settings();
+    SAMBA_CONF.enable = 0;
+    app_util_start_samba();
+    EXPECT_EQ(seams.runner.texts().back(), "/bin/nmbd");
+}
+
+TEST(ReloadSamba, DisabledSambaIsRewrittenAndLeftStopped) {
+    Seams seams;
+    load_factory_settings();
+    SAMBA_CONF.enable = 0;
+    app_util_samba_reload_conf();
+    EXPECT_EQ(read_lines(kConf), kGlobalLines);
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck}));
+}
+
+TEST(ReloadSamba, RunningServersAreRestarted) {
+    Seams seams;
+    load_factory_settings();
+    int smbd_checks = 0;
+    seams.runner.respond = [&](const std::string& t) {
+        return t == kSmbdCheck && smbd_checks++ < 2 ? std::string(" 1 root smbd -D\n") : std::string();
+    };
+    app_util_samba_reload_conf();
+    EXPECT_EQ(seams.runner.texts(),
+              (std::vector<std::string>{kSmbdCheck, kSmbdCheck, kNmbdCheck, "killall smbd", "killall nmbd",
+                                        "killall -9 smbd", kSmbdCheck, kNmbdCheck, "/bin/smbd", "/bin/nmbd"}));
+    EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{500000, 500000, 500000}));
+}
+
+TEST(ReloadSamba, StoppedServersAreStartedWithoutAStop) {
+    Seams seams;
+    load_factory_settings();
+    app_util_samba_reload_conf();
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck, "/bin/smbd", "/bin/nmbd"}));
+    EXPECT_TRUE(seams.clock.sleeps().empty());
+}
