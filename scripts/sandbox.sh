@@ -1,8 +1,11 @@
 #!/bin/bash
 # Runs a command inside a throw-away namespace sandbox that looks enough like
 # the gateway for usbmgrd: private mount, PID, network, UTS and IPC
-# namespaces; tmpfs on /tmp, /var, /run and /etc/samba; /bin/smbd, /bin/nmbd
-# and orbcm_util on the PATH; a private dbus-daemon as the message bus.
+# namespaces; tmpfs on /tmp, /var and /run; an overlay on /etc (so accounts
+# can be added without touching the machine's own) with an empty /etc/samba;
+# the gateway's /bin/smbd, /bin/nmbd and /bin/pdbedit (host adapters from
+# platform/host/samba) and orbcm_util on the PATH; a private dbus-daemon as
+# the message bus.
 #
 #   scripts/sandbox.sh [--build BUILD_DIR] -- COMMAND...
 #
@@ -129,8 +132,15 @@ mount --bind "$state_dir" /var/lib/sandbox/state
 
 mount -t tmpfs -o mode=1777 sandbox-tmp /tmp
 mount -t tmpfs -o mode=0755 sandbox-run /run
-mkdir -p /etc/samba
-mount -t tmpfs -o mode=0755 sandbox-samba /etc/samba
+
+# An overlay on /etc, its upper layer on the /var tmpfs: useradd (through the
+# pdbedit adapter) changes /etc/passwd here and never the machine's own.
+# Samba starts from an empty /etc/samba: the daemon writes smb.conf itself.
+mkdir -p /var/lib/sandbox/etc/upper /var/lib/sandbox/etc/work
+mount -t overlay sandbox-etc \
+    -o lowerdir=/etc,upperdir=/var/lib/sandbox/etc/upper,workdir=/var/lib/sandbox/etc/work /etc
+rm -rf /etc/samba
+mkdir -m 0755 /etc/samba
 
 for i in "${!keep_dirs[@]}"; do
     mkdir -p "${keep_dirs[$i]}"
@@ -138,7 +148,7 @@ for i in "${!keep_dirs[@]}"; do
 done
 
 mkdir -p /var/config /var/dev /var/samba /var/log/samba /var/cache/minidlna /var/lib/minidlna \
-    /var/lib/samba/private /var/tmp /run/samba /run/lock /tmp/usb
+    /var/lib/samba/private /var/cache/samba /var/tmp /run/samba /run/lock /tmp/usb
 ln -s /run /var/run
 ln -s /run/lock /var/lock
 chmod 1777 /var/tmp
@@ -148,10 +158,24 @@ find_built() {
     find "$build_dir" -name "$1" -type "$2" -not -path '*/CMakeFiles/*' 2>/dev/null | head -n 1
 }
 
+# Debian's pdbedit, kept reachable before the overlay below puts the
+# gateway-style adapter in its place (the adapter calls it here).
+mkdir -p /var/lib/sandbox/debian
+if [ -x /usr/bin/pdbedit ]; then
+    : >/var/lib/sandbox/debian/pdbedit
+    mount --bind /usr/bin/pdbedit /var/lib/sandbox/debian/pdbedit
+else
+    echo "sandbox.sh: warning: no /usr/bin/pdbedit (Debian package samba-common-bin)" >&2
+fi
+export USBMGR_DEBIAN_PDBEDIT=/var/lib/sandbox/debian/pdbedit
+
 # /bin is /usr/bin here: an overlay adds the programs the gateway has in /bin.
+# smbd, nmbd and pdbedit are adapters that give Debian's Samba the gateway's
+# command lines and password file (platform/host/samba).
 mkdir -p /var/lib/sandbox/usr-bin/upper /var/lib/sandbox/usr-bin/work
-ln -s /usr/sbin/smbd /var/lib/sandbox/usr-bin/upper/smbd
-ln -s /usr/sbin/nmbd /var/lib/sandbox/usr-bin/upper/nmbd
+for adapter in smbd nmbd pdbedit; do
+    install -m 0755 "$source_dir/platform/host/samba/$adapter" "/var/lib/sandbox/usr-bin/upper/$adapter"
+done
 orbcm_util=$(find_built orbcm_util f)
 if [ -n "$orbcm_util" ] && [ -x "$orbcm_util" ]; then
     ln -s "$orbcm_util" /var/lib/sandbox/usr-bin/upper/orbcm_util
