@@ -201,6 +201,13 @@ else
     echo "sandbox.sh: warning: no $source_dir/etc/usbmgr.conf" >&2
 fi
 
+# smbd refuses to start without a Unix account for its guest account (the
+# gateway has one); the factory settings name it. Added in the /etc overlay.
+guest=$(sed -n 's/^USBMGR\.SAMBA\.GUEST_ACCOUNT=//p' /var/config/usbmgr.conf 2>/dev/null | head -n 1)
+if [[ $guest =~ ^[A-Za-z0-9_][A-Za-z0-9_.-]*$ ]] && ! getent passwd "$guest" >/dev/null; then
+    echo "$guest:x:60123:65534:gateway guest:/nonexistent:/usr/sbin/nologin" >>/etc/passwd
+fi
+
 # A private message bus.
 cat >/var/lib/sandbox/bus.conf <<'EOF'
 <!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"
