@@ -9,6 +9,12 @@
 set -euo pipefail
 . "$USBMGR_SOURCE_DIR/scripts/sandbox-lib.sh" || exit 1
 
+# Samba and MiniDLNA have a sandbox test of their own. Off here, so that the
+# deferred reload only rewrites their files and the notifications come
+# within this test's deadlines.
+sed -i -e 's/^USBMGR\.SAMBA\.ENABLE=.*/USBMGR.SAMBA.ENABLE=0/' \
+    -e 's/^USBMGR\.MINIDLNA\.ENABLE=.*/USBMGR.MINIDLNA.ENABLE=0/' /var/config/usbmgr.conf
+
 
 work=$(mktemp -d /tmp/hotplug.XXXXXX)
 history=/var/config/tr140.conf
