@@ -160,17 +160,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     NUMBER_OF_MAX_TR140_HISTORY_ITEM = static_cast<int>(in.u8() % 18) - 1;
     const uint8_t flags = in.u8();
     AUTO_CREATE_USER_ACCESS_DATA = flags & 1;
-    std::string original = in.text16();
-    if (fuzz::dev_skip()) {  // TEMPORARY
-        std::string cleaned;
-        int digits = 0;
-        for (char c : original) {
-            digits = (c >= '0' && c <= '9') ? digits + 1 : 0;
-            if (digits <= 5) cleaned += c == '\0' ? ' ' : c;
-        }
-        if (!cleaned.empty() && cleaned.back() != '\n') cleaned += '\n';
-        original = cleaned;
-    }
+    const std::string original = in.text16();
     if (!(flags & 2)) fuzz::write_file(TR140_CONF_PATH, original);
 
     fuzz::KeyValueCheck check(fuzz::KeyValueCheck::Kind::History);

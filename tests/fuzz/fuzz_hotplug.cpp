@@ -63,24 +63,7 @@ void check_tables(const char* after) {
         fuzz::finding("change-kind ring index out of range", after);
 }
 
-// TEMPORARY: device lists that hit the known defects (sdA, sd1, huge or
-// two-digit partition numbers).
-bool known_defect(std::string list) {
-    if (!fuzz::dev_skip()) return false;
-    list = list.substr(0, list.find('\0'));
-    int digits = 0;
-    for (std::size_t i = 0; i < list.size(); ++i) {
-        char c = list[i];
-        digits = (c >= '0' && c <= '9') ? digits + 1 : 0;
-        if (digits > 1) return true;
-        bool third = i >= 2 && (i == 2 || list[i - 3] == ',') && list[i - 2] != ',' && list[i - 1] != ',';
-        if (third && !(c >= 'a' && c <= 'z')) return true;
-    }
-    return false;
-}
-
 void deliver(int row, const std::string& payload) {
-    if (payload.size() > 9 && known_defect(payload.substr(9, 64))) return;
     // A heap buffer of exactly the delivered length: a read past it is caught.
     std::vector<uint8_t> bytes(payload.begin(), payload.end());
     const OrbIilEvtEntry& e = usbmgr_evt_table[row];
@@ -90,7 +73,6 @@ void deliver(int row, const std::string& payload) {
 }
 
 void port_file(const std::string& content) {
-    if (known_defect(content)) return;
     mkdir(DISK_UTIL_USB_PORT_PATH, 0755);
     fuzz::write_file("/tmp/usb/1-1", content);
     fuzz::clock().reset();

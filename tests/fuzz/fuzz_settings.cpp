@@ -110,10 +110,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     while (!in.empty()) {
         std::size_t i = in.u8() % (kTextFieldCount + kNumberCount);
         if (i < kTextFieldCount) {
-            std::string value = in.text8();
-            if (fuzz::dev_skip())  // TEMPORARY
-                for (char& c : value)
-                    if (c == '\n') c = ' ';
+            const std::string value = in.text8();
             std::memset(kTextFields[i].text, 0, kTextFields[i].size);
             usbmgr::copy_bounded(kTextFields[i].text, kTextFields[i].size, value.c_str());
         } else {

@@ -269,6 +269,11 @@ usbmgr::RunResult World::run(const usbmgr::CommandLine& cmd, bool capture) {
     else
         do_exec(cmd.argv);
     if (!capture) r.output.clear();
+    // USBMGR_FUZZ_TRACE=1 shows what a replayed input made the daemon run.
+    static const bool trace = std::getenv("USBMGR_FUZZ_TRACE") != nullptr;
+    if (trace)
+        std::fprintf(stderr, "run %s%s -> %s\n", cmd.argv.empty() ? "sh: " : "", shown(cmd.text).c_str(),
+                     r.started ? shown(r.output).c_str() : "(not started)");
     return r;
 }
 
@@ -389,11 +394,6 @@ void FuzzClock::arm_alarm(unsigned long) {}
 void FuzzClock::reset() {
     std::lock_guard<std::mutex> lock(mutex_);
     sleeps_ = 0;
-}
-
-bool dev_skip() {
-    static const bool skip = std::getenv("USBMGR_FUZZ_DEV_SKIP") != nullptr;
-    return skip;
 }
 
 World& world() { return g_world; }

@@ -100,10 +100,6 @@ private:
     int sleeps_ = 0;
 };
 
-// TEMPORARY while the known defects are fixed: inputs that hit them are
-// made harmless when USBMGR_FUZZ_DEV_SKIP is set.
-bool dev_skip();
-
 World& world();
 FuzzClock& clock();
 

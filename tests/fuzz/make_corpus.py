@@ -137,6 +137,9 @@ def history():
                                             bytes([0]) + text8(b"NEXT") + bytes([1])))
     write(t, "extreme_ids", history_input(10, 0, HISTORY_EXTREME_IDS,
                                           bytes([5]) + text8(b"NONE") + bytes([0]) + text8(b"NEXT") + bytes([1])))
+    write(t, "ids_near_both_ends", history_input(
+        10, 0, b"USBMGR.-2147483647.SERIAL_NUMBER=LOW\nUSBMGR.2147483647.SERIAL_NUMBER=HIGH\n",
+        bytes([5]) + text8(b"NONE")))
     write(t, "name_with_newline", history_input(10, 0, HISTORY_TWO,
                                                 bytes([2]) + serial_of(0) + text8(b"a\nUSBMGR.9.PNAME=b")))
     write(t, "line_of_300", history_input(10, 0, b"USBMGR.0.SERIAL_NUMBER=S\n" + LONG_LINE,
@@ -159,6 +162,8 @@ def hotplug():
     write(t, "disk_without_partitions", cap10 + arrive(b"sdb") + leave(b"sdb"))
     write(t, "partition_ten_before_one", cap10 + arrive(b"sda,sda10,sda1") + leave(b"sda,sda10,sda1"))
     write(t, "partition_one_before_ten", cap10 + arrive(b"sda,sda1,sda10") + leave(b"sda,sda1,sda10"))
+    write(t, "partition_named_like_a_disk", cap10 + arrive(b"sda,sda1") + arrive(b"sdb,sd", b"SN0002") +
+          leave(b"sdb,sd", b"SN0002"))
     write(t, "huge_partition_number", cap10 + arrive(b"sdz,sdz2147483647") + leave(b"sdz,sdz2147483647"))
     write(t, "upper_case_disk", cap10 + arrive(b"sdA") + leave(b"sdA"))
     write(t, "digit_disk", cap10 + arrive(b"sd1") + leave(b"sd1"))
