@@ -257,7 +257,7 @@ std::string AnswerStream::text() {
     return out;
 }
 
-usbmgr::RunResult World::run(const usbmgr::CommandLine& cmd, bool capture) {
+usbmgr::RunResult World::start_and_wait(const usbmgr::CommandLine& cmd, bool capture, const usbmgr::StartedFn& started) {
     std::lock_guard<std::mutex> lock(mutex_);
     if (++calls_ > kCallLimit) finding("command runner called without end", cmd.text);
     std::string why;
@@ -268,6 +268,7 @@ usbmgr::RunResult World::run(const usbmgr::CommandLine& cmd, bool capture) {
         r.output = answer_shell(cmd.text, &r.started);
     else
         do_exec(cmd.argv);
+    if (r.started && started) started();
     if (!capture) r.output.clear();
     // USBMGR_FUZZ_TRACE=1 shows what a replayed input made the daemon run.
     static const bool trace = std::getenv("USBMGR_FUZZ_TRACE") != nullptr;

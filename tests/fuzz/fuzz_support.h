@@ -59,7 +59,7 @@ private:
 // substring match.
 class World final : public usbmgr::CommandRunner {
 public:
-    usbmgr::RunResult run(const usbmgr::CommandLine& cmd, bool capture) override;
+    usbmgr::RunResult start_and_wait(const usbmgr::CommandLine& cmd, bool capture, const usbmgr::StartedFn& started) override;
 
     void reset();
     AnswerStream& answers() { return answers_; }
