@@ -12,13 +12,18 @@
 #include "db_util/db_util.h"
 #include "db_util/str.h"
 #include "platform_fake.h"
+#include "fixture.h"
 #include "test_support.h"
 
 using testing_support::file_exists;
 using testing_support::read_file;
 using testing_support::read_lines;
-using testing_support::Seams;
 using testing_support::write_file;
+
+using MiniDlnaRender = testing_support::DaemonTest;
+using MiniDlnaConfFile = testing_support::DaemonTest;
+using StartMiniDlna = testing_support::DaemonTest;
+using ReloadMiniDlna = testing_support::DaemonTest;
 
 namespace {
 
@@ -72,14 +77,12 @@ std::string answer(const std::string& text) {
 
 }  // namespace
 
-TEST(MiniDlnaConf, FactorySettingsGiveTheThirteenLines) {
-    Seams seams;
+TEST_F(MiniDlnaRender, FactorySettingsGiveTheThirteenLines) {
     load_factory_settings();
     EXPECT_EQ(split_lines(app_util_render_minidlna_conf(MINIDLNA_CONF)), kFactoryLines);
 }
 
-TEST(MiniDlnaConf, RenderingLogsAndRunsNothing) {
-    Seams seams;
+TEST_F(MiniDlnaRender, RenderingLogsAndRunsNothing) {
     load_factory_settings();
     fake::reset();
     app_util_render_minidlna_conf(MINIDLNA_CONF);
@@ -87,8 +90,7 @@ TEST(MiniDlnaConf, RenderingLogsAndRunsNothing) {
     EXPECT_TRUE(seams.runner.calls().empty());
 }
 
-TEST(MiniDlnaConf, SerialModelNameAndModelNumberSettingsNeverReachTheFile) {
-    Seams seams;
+TEST_F(MiniDlnaRender, SerialModelNameAndModelNumberSettingsNeverReachTheFile) {
     load_factory_settings();
     usbmgr::copy_str(MINIDLNA_CONF.serial, "SN-0042");
     usbmgr::copy_str(MINIDLNA_CONF.model_name, "Gateway");
@@ -100,8 +102,7 @@ TEST(MiniDlnaConf, SerialModelNameAndModelNumberSettingsNeverReachTheFile) {
     EXPECT_EQ(split_lines(text), kFactoryLines);
 }
 
-TEST(MiniDlnaConf, SettingsReplaceTheDefaultsOfTheirRows) {
-    Seams seams;
+TEST_F(MiniDlnaRender, SettingsReplaceTheDefaultsOfTheirRows) {
     load_factory_settings();
     usbmgr::copy_str(MINIDLNA_CONF.media_dir, "/mnt/media");
     usbmgr::copy_str(MINIDLNA_CONF.db_dir, "/var/db");
@@ -126,16 +127,14 @@ TEST(MiniDlnaConf, SettingsReplaceTheDefaultsOfTheirRows) {
     EXPECT_EQ(lines[12], "notify_interval=60");
 }
 
-TEST(MiniDlnaConf, MediaDirectoryIsTheSettingNotTheMountRoot) {
-    Seams seams;
+TEST_F(MiniDlnaRender, MediaDirectoryIsTheSettingNotTheMountRoot) {
     load_factory_settings();
     usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/elsewhere");
     usbmgr::copy_str(MINIDLNA_CONF.media_dir, "/tmp/disk");
     EXPECT_EQ(split_lines(app_util_render_minidlna_conf(MINIDLNA_CONF))[1], "media_dir=/tmp/disk");
 }
 
-TEST(MiniDlnaConf, EmptySettingsStillWriteEveryEnabledKey) {
-    Seams seams;
+TEST_F(MiniDlnaRender, EmptySettingsStillWriteEveryEnabledKey) {
     MiniDlnaConf empty{};
     std::vector<std::string> lines = split_lines(app_util_render_minidlna_conf(empty));
     ASSERT_EQ(lines.size(), 13u);
@@ -145,8 +144,7 @@ TEST(MiniDlnaConf, EmptySettingsStillWriteEveryEnabledKey) {
     EXPECT_EQ(lines[9], kFactoryLines[9]);
 }
 
-TEST(MiniDlnaConf, ValueWithLineBreaksStaysOnItsOwnLine) {
-    Seams seams;
+TEST_F(MiniDlnaRender, ValueWithLineBreaksStaysOnItsOwnLine) {
     load_factory_settings();
     usbmgr::copy_str(MINIDLNA_CONF.friendly_name, "tv\nport=1\r\nuser=x");
     std::vector<std::string> lines = split_lines(app_util_render_minidlna_conf(MINIDLNA_CONF));
@@ -155,8 +153,7 @@ TEST(MiniDlnaConf, ValueWithLineBreaksStaysOnItsOwnLine) {
     EXPECT_EQ(lines[6], "port=8200");
 }
 
-TEST(MiniDlnaConf, FieldsWithoutTerminatorAreReadToTheirEndOnly) {
-    Seams seams;
+TEST_F(MiniDlnaRender, FieldsWithoutTerminatorAreReadToTheirEndOnly) {
     MiniDlnaConf conf;
     std::memset(&conf, 'a', sizeof conf);
     std::vector<std::string> lines = split_lines(app_util_render_minidlna_conf(conf));
@@ -165,8 +162,7 @@ TEST(MiniDlnaConf, FieldsWithoutTerminatorAreReadToTheirEndOnly) {
     EXPECT_EQ(lines[7], "friendly_name=" + std::string(64, 'a'));
 }
 
-TEST(MiniDlnaConfFile, WriteReplacesTheFileWithMode0644) {
-    Seams seams;
+TEST_F(MiniDlnaConfFile, WriteReplacesTheFileWithMode0644) {
     load_factory_settings();
     umask(022);
     write_file(kConf, "old=1\n");
@@ -178,8 +174,7 @@ TEST(MiniDlnaConfFile, WriteReplacesTheFileWithMode0644) {
     EXPECT_EQ(st.st_mode & 07777, 0644u);
 }
 
-TEST(MiniDlnaConfFile, WriteThroughALinkReplacesTheLinkNotItsTarget) {
-    Seams seams;
+TEST_F(MiniDlnaConfFile, WriteThroughALinkReplacesTheLinkNotItsTarget) {
     load_factory_settings();
     write_file("/tmp/target", "keep\n");
     ASSERT_EQ(symlink("/tmp/target", kConf), 0);
@@ -188,8 +183,7 @@ TEST(MiniDlnaConfFile, WriteThroughALinkReplacesTheLinkNotItsTarget) {
     EXPECT_EQ(read_lines(kConf), kFactoryLines);
 }
 
-TEST(MiniDlnaConfFile, FileThatCannotBeCreatedIsSkippedSilently) {
-    Seams seams;
+TEST_F(MiniDlnaConfFile, FileThatCannotBeCreatedIsSkippedSilently) {
     load_factory_settings();
     usbmgr::copy_str(MINIDLNA_CONF.conf_dir, "/tmp/no/such/folder/minidlna.conf");
     fake::reset();
@@ -198,8 +192,7 @@ TEST(MiniDlnaConfFile, FileThatCannotBeCreatedIsSkippedSilently) {
     EXPECT_TRUE(fake::log_texts().empty());
 }
 
-TEST(StartMiniDlna, FirstStartWritesTheFileAndStartsTheServer) {
-    Seams seams;
+TEST_F(StartMiniDlna, FirstStartWritesTheFileAndStartsTheServer) {
     load_factory_settings();
     mkdir("/var/cache", 0755);
     mkdir("/var/cache/minidlna", 0755);
@@ -215,8 +208,7 @@ TEST(StartMiniDlna, FirstStartWritesTheFileAndStartsTheServer) {
     EXPECT_TRUE(seams.clock.sleeps().empty());
 }
 
-TEST(StartMiniDlna, StartWhileRunningRemovesTheDatabaseFolderBeforeTheNewStart) {
-    Seams seams;
+TEST_F(StartMiniDlna, StartWhileRunningRemovesTheDatabaseFolderBeforeTheNewStart) {
     load_factory_settings();
     mkdir("/var/cache", 0755);
     mkdir("/var/cache/minidlna", 0755);
@@ -233,8 +225,7 @@ TEST(StartMiniDlna, StartWhileRunningRemovesTheDatabaseFolderBeforeTheNewStart) 
     EXPECT_FALSE(fake::logged("Start minidlna"));
 }
 
-TEST(StartMiniDlna, ServerAndRemovalRunWithoutAShell) {
-    Seams seams;
+TEST_F(StartMiniDlna, ServerAndRemovalRunWithoutAShell) {
     load_factory_settings();
     usbmgr::copy_str(MINIDLNA_CONF.conf_dir, "/tmp/a b;reboot");
     usbmgr::copy_str(MINIDLNA_CONF.db_dir, "/tmp/c d");
@@ -248,16 +239,14 @@ TEST(StartMiniDlna, ServerAndRemovalRunWithoutAShell) {
     EXPECT_EQ(calls[3].argv, (std::vector<std::string>{"/sbin/minidlnad", "-f", "/tmp/a b;reboot", "-R"}));
 }
 
-TEST(StartMiniDlna, StartDoesNotLookAtTheEnableSetting) {
-    Seams seams;
+TEST_F(StartMiniDlna, StartDoesNotLookAtTheEnableSetting) {
     load_factory_settings();
     MINIDLNA_CONF.enable = 0;
     app_util_start_minidlna();
     EXPECT_EQ(seams.runner.texts().back(), kServer);
 }
 
-TEST(ReloadMiniDlna, DisabledServerIsRewrittenAndStoppedButNotStarted) {
-    Seams seams;
+TEST_F(ReloadMiniDlna, DisabledServerIsRewrittenAndStoppedButNotStarted) {
     load_factory_settings();
     MINIDLNA_CONF.enable = 0;
     int checks = 0;
@@ -270,8 +259,7 @@ TEST(ReloadMiniDlna, DisabledServerIsRewrittenAndStoppedButNotStarted) {
     EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{500000, 500000, 1000000}));
 }
 
-TEST(ReloadMiniDlna, EnabledServerIsStartedAgainAfterOneSecond) {
-    Seams seams;
+TEST_F(ReloadMiniDlna, EnabledServerIsStartedAgainAfterOneSecond) {
     load_factory_settings();
     app_util_minidlna_reload_conf(nullptr);
     EXPECT_EQ(read_lines(kConf), kFactoryLines);
@@ -279,8 +267,7 @@ TEST(ReloadMiniDlna, EnabledServerIsStartedAgainAfterOneSecond) {
     EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{1000000}));
 }
 
-TEST(ReloadMiniDlna, FileIsRewrittenBeforeTheServerIsStopped) {
-    Seams seams;
+TEST_F(ReloadMiniDlna, FileIsRewrittenBeforeTheServerIsStopped) {
     load_factory_settings();
     bool file_at_stop = false;
     seams.runner.respond = [&](const std::string& t) {

@@ -9,9 +9,13 @@
 
 #include "app_util/app_util.h"
 #include "platform_fake.h"
+#include "fixture.h"
 #include "test_support.h"
 
-using testing_support::Seams;
+
+using CheckProcess = testing_support::DaemonTest;
+using StopMiniDlna = testing_support::DaemonTest;
+using StopSamba = testing_support::DaemonTest;
 
 namespace {
 
@@ -43,8 +47,7 @@ std::vector<std::string> without_checks(const std::vector<std::string>& texts) {
 
 }  // namespace
 
-TEST(CheckProcess, ListedLineMeansRunningAndIsLogged) {
-    Seams seams;
+TEST_F(CheckProcess, ListedLineMeansRunningAndIsLogged) {
     seams.runner.respond = [](const std::string& t) {
         return t == "ps | grep smbd | grep -v grep 2>&1" ? std::string(" 42 root /usr/sbin/smbd\n") : std::string();
     };
@@ -56,41 +59,35 @@ TEST(CheckProcess, ListedLineMeansRunningAndIsLogged) {
     EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"check process smbd", "check process smbd exist"}));
 }
 
-TEST(CheckProcess, EmptyOutputMeansNotRunning) {
-    Seams seams;
+TEST_F(CheckProcess, EmptyOutputMeansNotRunning) {
     EXPECT_EQ(app_util_check_process("nmbd"), 0);
     EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"check process nmbd"}));
 }
 
-TEST(CheckProcess, CheckThatCannotStartCountsAsNotRunning) {
-    Seams seams;
+TEST_F(CheckProcess, CheckThatCannotStartCountsAsNotRunning) {
     seams.runner.fail_start = true;
     EXPECT_EQ(app_util_check_process("smbd"), 0);
 }
 
-TEST(CheckProcess, CommandIsNotLoggedAsRunCommand) {
-    Seams seams;
+TEST_F(CheckProcess, CommandIsNotLoggedAsRunCommand) {
     app_util_check_process("smbd");
     for (const auto& t : fake::log_texts()) EXPECT_EQ(t.find("run command"), std::string::npos) << t;
 }
 
-TEST(CheckProcess, NameThatIsNotAPlainWordNeverRuns) {
-    Seams seams;
+TEST_F(CheckProcess, NameThatIsNotAPlainWordNeverRuns) {
     // Every command that starts answers with a line; the refused one does not start.
     seams.runner.respond = [](const std::string&) { return std::string("x\n"); };
     EXPECT_EQ(app_util_check_process("smbd; reboot"), 0);
     EXPECT_EQ(app_util_check_process("smbd"), 1);
 }
 
-TEST(StopMiniDlna, NothingRunningRunsNoKill) {
-    Seams seams;
+TEST_F(StopMiniDlna, NothingRunningRunsNoKill) {
     app_util_stop_minidllna();
     EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{check("minidlnad")}));
     EXPECT_TRUE(seams.clock.sleeps().empty());
 }
 
-TEST(StopMiniDlna, ServerThatLeavesAtOnceIsKilledOncePolitely) {
-    Seams seams;
+TEST_F(StopMiniDlna, ServerThatLeavesAtOnceIsKilledOncePolitely) {
     Processes p;
     p.polls_left["minidlnad"] = 1;
     seams.runner.respond = [&](const std::string& t) { return p.respond(t); };
@@ -101,8 +98,7 @@ TEST(StopMiniDlna, ServerThatLeavesAtOnceIsKilledOncePolitely) {
     EXPECT_TRUE(fake::logged("run command : killall minidlnad"));
 }
 
-TEST(StopMiniDlna, ServerThatIgnoresThePoliteKillGetsSignalNineFromTheThirdPass) {
-    Seams seams;
+TEST_F(StopMiniDlna, ServerThatIgnoresThePoliteKillGetsSignalNineFromTheThirdPass) {
     Processes p;
     p.polls_left["minidlnad"] = 5;  // gone at the sixth check
     seams.runner.respond = [&](const std::string& t) { return p.respond(t); };
@@ -115,8 +111,7 @@ TEST(StopMiniDlna, ServerThatIgnoresThePoliteKillGetsSignalNineFromTheThirdPass)
     EXPECT_EQ(p.checks["minidlnad"], 6);
 }
 
-TEST(StopMiniDlna, KillsRunWithoutAShell) {
-    Seams seams;
+TEST_F(StopMiniDlna, KillsRunWithoutAShell) {
     Processes p;
     p.polls_left["minidlnad"] = 3;
     seams.runner.respond = [&](const std::string& t) { return p.respond(t); };
@@ -128,15 +123,13 @@ TEST(StopMiniDlna, KillsRunWithoutAShell) {
     }
 }
 
-TEST(StopSamba, NothingRunningRunsNoKill) {
-    Seams seams;
+TEST_F(StopSamba, NothingRunningRunsNoKill) {
     app_util_stop_samba();
     EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{check("smbd"), check("nmbd")}));
     EXPECT_TRUE(seams.clock.sleeps().empty());
 }
 
-TEST(StopSamba, BothServersAreKilledThenSmbdWithSignalNine) {
-    Seams seams;
+TEST_F(StopSamba, BothServersAreKilledThenSmbdWithSignalNine) {
     Processes p;
     p.polls_left["smbd"] = 1;
     p.polls_left["nmbd"] = 1;
@@ -148,8 +141,7 @@ TEST(StopSamba, BothServersAreKilledThenSmbdWithSignalNine) {
     EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{500000, 500000}));
 }
 
-TEST(StopSamba, SmbdThatStaysIsKilledAgainEveryPass) {
-    Seams seams;
+TEST_F(StopSamba, SmbdThatStaysIsKilledAgainEveryPass) {
     Processes p;
     p.polls_left["smbd"] = 3;
     p.polls_left["nmbd"] = 1;
@@ -161,8 +153,7 @@ TEST(StopSamba, SmbdThatStaysIsKilledAgainEveryPass) {
                                         "killall -9 smbd"}));
 }
 
-TEST(StopSamba, OnlyNmbdRunningKeepsPollingAndKillsNothing) {
-    Seams seams;
+TEST_F(StopSamba, OnlyNmbdRunningKeepsPollingAndKillsNothing) {
     Processes p;
     p.polls_left["smbd"] = 0;
     p.polls_left["nmbd"] = 4;  // nmbd goes away by itself at its fifth check

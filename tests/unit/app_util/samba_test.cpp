@@ -13,12 +13,19 @@
 #include "db_util/db_util.h"
 #include "db_util/str.h"
 #include "platform_fake.h"
+#include "fixture.h"
 #include "test_support.h"
 
 using testing_support::file_exists;
 using testing_support::read_lines;
-using testing_support::Seams;
 using testing_support::write_file;
+
+using SambaRender = testing_support::DaemonTest;
+using SambaShares = testing_support::DaemonTest;
+using SambaConfText = testing_support::DaemonTest;
+using SambaConfFile = testing_support::DaemonTest;
+using StartSamba = testing_support::DaemonTest;
+using ReloadSamba = testing_support::DaemonTest;
 
 namespace {
 
@@ -115,14 +122,12 @@ int count_headers(const std::vector<std::string>& lines) {
 
 }  // namespace
 
-TEST(SambaConf, FactorySettingsAndNoDisksGiveTheTwentyGlobalLines) {
-    Seams seams;
+TEST_F(SambaRender, FactorySettingsAndNoDisksGiveTheTwentyGlobalLines) {
     load_factory_settings();
     EXPECT_EQ(render({}), kGlobalLines);
 }
 
-TEST(SambaConf, RenderingLogsAndRunsNothing) {
-    Seams seams;
+TEST_F(SambaRender, RenderingLogsAndRunsNothing) {
     load_factory_settings();
     fake::reset();
     app_util_render_samba_conf(SAMBA_CONF, MOUNT_DISK_PATH, {{"sda1", "Music"}});
@@ -130,8 +135,7 @@ TEST(SambaConf, RenderingLogsAndRunsNothing) {
     EXPECT_TRUE(seams.runner.calls().empty());
 }
 
-TEST(SambaConf, SwitchedOffRowsStayOffWhateverTheirSettings) {
-    Seams seams;
+TEST_F(SambaRender, SwitchedOffRowsStayOffWhateverTheirSettings) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.interfaces, "eth0");
     usbmgr::copy_str(SAMBA_CONF.bind_interfaces_only, "yes");
@@ -140,16 +144,14 @@ TEST(SambaConf, SwitchedOffRowsStayOffWhateverTheirSettings) {
     EXPECT_EQ(text.find("dos charset"), std::string::npos);
 }
 
-TEST(SambaConf, UserMapLineNamesTheMapFileNotTheMappedName) {
-    Seams seams;
+TEST_F(SambaRender, UserMapLineNamesTheMapFileNotTheMappedName) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.username_map, "alice");
     usbmgr::copy_str(SAMBA_CONF.username_map_dir, "/var/samba/users.map");
     EXPECT_EQ(render({}).back(), "   username map = /var/samba/users.map");
 }
 
-TEST(SambaConf, SettingsReplaceTheDefaultsOfTheirRows) {
-    Seams seams;
+TEST_F(SambaRender, SettingsReplaceTheDefaultsOfTheirRows) {
     SambaConf conf{};
     usbmgr::copy_str(conf.workgroup, "HOME");
     usbmgr::copy_str(conf.netbios_name, "GATEWAY");
@@ -164,20 +166,17 @@ TEST(SambaConf, SettingsReplaceTheDefaultsOfTheirRows) {
     EXPECT_EQ(lines[15], "   name resolve order = bcast host");
 }
 
-TEST(SambaConf, NamedVolumeGivesItsNameInHeaderAndComment) {
-    Seams seams;
+TEST_F(SambaRender, NamedVolumeGivesItsNameInHeaderAndComment) {
     load_factory_settings();
     EXPECT_EQ(share_lines(render({{"sda1", "Music"}})), section("[Music]", "Music (sda1) shared disk", "sda1"));
 }
 
-TEST(SambaConf, UnnamedVolumeIsSharedUnderItsFolderName) {
-    Seams seams;
+TEST_F(SambaRender, UnnamedVolumeIsSharedUnderItsFolderName) {
     load_factory_settings();
     EXPECT_EQ(share_lines(render({{"sdb1", ""}})), section("[sdb1]", "sdb1 shared disk", "sdb1"));
 }
 
-TEST(SambaConf, SecurityShareMakesEverySectionPublic) {
-    Seams seams;
+TEST_F(SambaRender, SecurityShareMakesEverySectionPublic) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.security, "share");
     auto lines = share_lines(render({{"sda1", "Music"}, {"sdb1", ""}}));
@@ -185,8 +184,7 @@ TEST(SambaConf, SecurityShareMakesEverySectionPublic) {
     EXPECT_EQ(lines[9], "   public = yes");
 }
 
-TEST(SambaConf, SecurityUserMakesNoSectionPublic) {
-    Seams seams;
+TEST_F(SambaRender, SecurityUserMakesNoSectionPublic) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.security, "user");
     auto lines = share_lines(render({{"sda1", "Music"}, {"sdb1", ""}}));
@@ -194,31 +192,27 @@ TEST(SambaConf, SecurityUserMakesNoSectionPublic) {
     EXPECT_EQ(lines[9], "   public = no");
 }
 
-TEST(SambaConf, SecurityMustBeExactlyShareToMakeSectionsPublic) {
-    Seams seams;
+TEST_F(SambaRender, SecurityMustBeExactlyShareToMakeSectionsPublic) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.security, "Share");
     EXPECT_EQ(share_lines(render({{"sda1", ""}}))[3], "   public = no");
 }
 
-TEST(SambaConf, SectionsFollowEachOtherWithoutBlankLines) {
-    Seams seams;
+TEST_F(SambaRender, SectionsFollowEachOtherWithoutBlankLines) {
     load_factory_settings();
     auto lines = share_lines(render({{"sda1", "Music"}, {"sdb1", ""}}));
     ASSERT_EQ(lines.size(), 12u);
     EXPECT_EQ(lines[6], "[sdb1]");
 }
 
-TEST(SambaShares, DisabledVolumeGetsNoSection) {
-    Seams seams;
+TEST_F(SambaShares, DisabledVolumeGetsNoSection) {
     load_factory_settings();
     attach_disk_with_history();
     auto shares = app_util_samba_shares({"sda2"});
     EXPECT_TRUE(shares.empty());
 }
 
-TEST(SambaShares, StoredNameIsTakenFromTheHistoryOfTheDisk) {
-    Seams seams;
+TEST_F(SambaShares, StoredNameIsTakenFromTheHistoryOfTheDisk) {
     load_factory_settings();
     attach_disk_with_history();
     auto shares = app_util_samba_shares({"sda1", "sda2", "sda3"});
@@ -229,8 +223,7 @@ TEST(SambaShares, StoredNameIsTakenFromTheHistoryOfTheDisk) {
     EXPECT_EQ(shares[1].volume_name, "");
 }
 
-TEST(SambaShares, FolderWithoutAKnownSerialNumberAfterANamedVolumeInheritsItsName) {
-    Seams seams;
+TEST_F(SambaShares, FolderWithoutAKnownSerialNumberAfterANamedVolumeInheritsItsName) {
     load_factory_settings();
     attach_disk_with_history();
     auto shares = app_util_samba_shares({"sda1", "sdz1"});
@@ -246,8 +239,7 @@ TEST(SambaShares, FolderWithoutAKnownSerialNumberAfterANamedVolumeInheritsItsNam
               }());
 }
 
-TEST(SambaShares, FolderWithoutAKnownSerialNumberFirstIsSharedUnderItsFolderName) {
-    Seams seams;
+TEST_F(SambaShares, FolderWithoutAKnownSerialNumberFirstIsSharedUnderItsFolderName) {
     load_factory_settings();
     attach_disk_with_history();
     auto shares = app_util_samba_shares({"sdz1", "sda1"});
@@ -256,8 +248,7 @@ TEST(SambaShares, FolderWithoutAKnownSerialNumberFirstIsSharedUnderItsFolderName
     EXPECT_EQ(shares[1].volume_name, "Music");
 }
 
-TEST(SambaShares, UnnamedVolumeAfterANamedOneClearsTheName) {
-    Seams seams;
+TEST_F(SambaShares, UnnamedVolumeAfterANamedOneClearsTheName) {
     load_factory_settings();
     attach_disk_with_history();
     auto shares = app_util_samba_shares({"sda1", "sda3", "sdz1"});
@@ -266,8 +257,7 @@ TEST(SambaShares, UnnamedVolumeAfterANamedOneClearsTheName) {
     EXPECT_EQ(shares[2].volume_name, "");
 }
 
-TEST(SambaShares, EachFolderIsLogged) {
-    Seams seams;
+TEST_F(SambaShares, EachFolderIsLogged) {
     load_factory_settings();
     attach_disk_with_history();
     fake::reset();
@@ -278,8 +268,7 @@ TEST(SambaShares, EachFolderIsLogged) {
     EXPECT_EQ(found, (std::vector<std::string>{"found sda1 ...", "found sda2 ..."}));
 }
 
-TEST(SambaConfText, VolumeNameWithBracketsAndLineBreaksAddsNoSectionOrParameter) {
-    Seams seams;
+TEST_F(SambaConfText, VolumeNameWithBracketsAndLineBreaksAddsNoSectionOrParameter) {
     load_factory_settings();
     auto lines = share_lines(render({{"sda1", "x]\n[evil]\n   path = /etc"}}));
     ASSERT_EQ(lines.size(), 6u);
@@ -288,15 +277,13 @@ TEST(SambaConfText, VolumeNameWithBracketsAndLineBreaksAddsNoSectionOrParameter)
     EXPECT_EQ(lines[2], "   path = /tmp/disk/sda1");
 }
 
-TEST(SambaConfText, HeaderNameHoldsNoBracket) {
-    Seams seams;
+TEST_F(SambaConfText, HeaderNameHoldsNoBracket) {
     load_factory_settings();
     EXPECT_EQ(share_lines(render({{"sda1", "[a]b["}}))[0], "[_a_b_]");
     EXPECT_EQ(share_lines(render({{"sd]a1", ""}}))[0], "[sd_a1]");
 }
 
-TEST(SambaConfText, ReservedSectionNamesAreMadePlain) {
-    Seams seams;
+TEST_F(SambaConfText, ReservedSectionNamesAreMadePlain) {
     load_factory_settings();
     EXPECT_EQ(share_lines(render({{"sda1", "global"}}))[0], "[global_]");
     EXPECT_EQ(share_lines(render({{"sda1", " Glo Bal "}}))[0], "[ Glo Bal _]");
@@ -305,14 +292,12 @@ TEST(SambaConfText, ReservedSectionNamesAreMadePlain) {
     EXPECT_EQ(share_lines(render({{"sda1", "globals"}}))[0], "[globals]");
 }
 
-TEST(SambaConfText, BlankVolumeNameIsMadePlain) {
-    Seams seams;
+TEST_F(SambaConfText, BlankVolumeNameIsMadePlain) {
     load_factory_settings();
     EXPECT_EQ(share_lines(render({{"sda1", "   "}}))[0], "[___]");
 }
 
-TEST(SambaConfText, SettingValueWithLineBreaksStaysOnItsOwnLine) {
-    Seams seams;
+TEST_F(SambaConfText, SettingValueWithLineBreaksStaysOnItsOwnLine) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.workgroup, "HOME\n[share]\npath = /");
     auto lines = render({});
@@ -321,8 +306,7 @@ TEST(SambaConfText, SettingValueWithLineBreaksStaysOnItsOwnLine) {
     EXPECT_EQ(count_headers(lines), 1);
 }
 
-TEST(SambaConfText, ValueEndingInABackslashDoesNotContinueOntoTheNextLine) {
-    Seams seams;
+TEST_F(SambaConfText, ValueEndingInABackslashDoesNotContinueOntoTheNextLine) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.workgroup, "HOME\\  ");
     usbmgr::copy_str(SAMBA_CONF.server_string, "a\\b");
@@ -332,8 +316,7 @@ TEST(SambaConfText, ValueEndingInABackslashDoesNotContinueOntoTheNextLine) {
     EXPECT_EQ(share_lines(lines)[2], "   path = /tmp/disk/sda1_");
 }
 
-TEST(SambaConfText, LongFolderNameIsCutButEveryLineKeepsItsEnd) {
-    Seams seams;
+TEST_F(SambaConfText, LongFolderNameIsCutButEveryLineKeepsItsEnd) {
     load_factory_settings();
     std::string folder(255, 'f');
     auto lines = share_lines(render({{folder, ""}}));
@@ -344,8 +327,7 @@ TEST(SambaConfText, LongFolderNameIsCutButEveryLineKeepsItsEnd) {
     EXPECT_EQ(lines[1].substr(lines[1].size() - 12), " shared disk");
 }
 
-TEST(SambaConfText, FieldsWithoutTerminatorAreReadToTheirEndOnly) {
-    Seams seams;
+TEST_F(SambaConfText, FieldsWithoutTerminatorAreReadToTheirEndOnly) {
     SambaConf conf;
     std::memset(&conf, 'w', sizeof conf);
     auto lines = split_lines(app_util_render_samba_conf(conf, "/tmp/disk", {}));
@@ -354,8 +336,7 @@ TEST(SambaConfText, FieldsWithoutTerminatorAreReadToTheirEndOnly) {
     EXPECT_EQ(lines[3], "   log level = " + std::string(10, 'w'));
 }
 
-TEST(SambaConfFile, WriteSharesEveryEnabledFolderOfTheMountRoot) {
-    Seams seams;
+TEST_F(SambaConfFile, WriteSharesEveryEnabledFolderOfTheMountRoot) {
     load_factory_settings();
     attach_disk_with_history();
     mkdir("/tmp/disk", 0775);
@@ -375,8 +356,7 @@ TEST(SambaConfFile, WriteSharesEveryEnabledFolderOfTheMountRoot) {
     EXPECT_TRUE(S_ISDIR(st.st_mode));
 }
 
-TEST(SambaConfFile, MountRootThatCannotBeListedLeavesTheGlobalSectionOnly) {
-    Seams seams;
+TEST_F(SambaConfFile, MountRootThatCannotBeListedLeavesTheGlobalSectionOnly) {
     load_factory_settings();
     usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/no-such-root");
     write_file(kConf, "[old]\n");
@@ -386,8 +366,7 @@ TEST(SambaConfFile, MountRootThatCannotBeListedLeavesTheGlobalSectionOnly) {
     EXPECT_FALSE(fake::logged("Searching Samba shared disk ..."));
 }
 
-TEST(SambaConfFile, FileThatCannotBeCreatedIsSkippedWithoutListingTheMountRoot) {
-    Seams seams;
+TEST_F(SambaConfFile, FileThatCannotBeCreatedIsSkippedWithoutListingTheMountRoot) {
     load_factory_settings();
     mkdir("/tmp/disk", 0775);
     usbmgr::copy_str(SAMBA_CONF.conf_dir, "/tmp/no/such/smb.conf");
@@ -397,8 +376,7 @@ TEST(SambaConfFile, FileThatCannotBeCreatedIsSkippedWithoutListingTheMountRoot) 
     EXPECT_TRUE(fake::log_texts().empty());
 }
 
-TEST(StartSamba, StartWithoutSmbdWritesTheFileAndStartsBothServers) {
-    Seams seams;
+TEST_F(StartSamba, StartWithoutSmbdWritesTheFileAndStartsBothServers) {
     load_factory_settings();
     fake::reset();
     EXPECT_EQ(app_util_start_samba(), 0);
@@ -409,15 +387,13 @@ TEST(StartSamba, StartWithoutSmbdWritesTheFileAndStartsBothServers) {
     EXPECT_TRUE(seams.clock.sleeps().empty());
 }
 
-TEST(StartSamba, ResultIsThatOfTheNmbdStart) {
-    Seams seams;
+TEST_F(StartSamba, ResultIsThatOfTheNmbdStart) {
     load_factory_settings();
     seams.runner.fail_start = true;
     EXPECT_EQ(app_util_start_samba(), 1);
 }
 
-TEST(StartSamba, RunningSmbdIsStoppedFirst) {
-    Seams seams;
+TEST_F(StartSamba, RunningSmbdIsStoppedFirst) {
     load_factory_settings();
     int smbd_checks = 0;
     seams.runner.respond = [&](const std::string& t) {
@@ -432,16 +408,14 @@ TEST(StartSamba, RunningSmbdIsStoppedFirst) {
     EXPECT_TRUE(fake::logged("Kill samba"));
 }
 
-TEST(StartSamba, StartDoesNotLookAtTheEnableSetting) {
-    Seams seams;
+TEST_F(StartSamba, StartDoesNotLookAtTheEnableSetting) {
     load_factory_settings();
     SAMBA_CONF.enable = 0;
     app_util_start_samba();
     EXPECT_EQ(seams.runner.texts().back(), "/bin/nmbd");
 }
 
-TEST(ReloadSamba, DisabledSambaIsRewrittenAndLeftStopped) {
-    Seams seams;
+TEST_F(ReloadSamba, DisabledSambaIsRewrittenAndLeftStopped) {
     load_factory_settings();
     SAMBA_CONF.enable = 0;
     app_util_samba_reload_conf();
@@ -449,8 +423,7 @@ TEST(ReloadSamba, DisabledSambaIsRewrittenAndLeftStopped) {
     EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck}));
 }
 
-TEST(ReloadSamba, RunningServersAreRestarted) {
-    Seams seams;
+TEST_F(ReloadSamba, RunningServersAreRestarted) {
     load_factory_settings();
     int smbd_checks = 0;
     seams.runner.respond = [&](const std::string& t) {
@@ -463,8 +436,7 @@ TEST(ReloadSamba, RunningServersAreRestarted) {
     EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{500000, 500000, 500000}));
 }
 
-TEST(ReloadSamba, StoppedServersAreStartedWithoutAStop) {
-    Seams seams;
+TEST_F(ReloadSamba, StoppedServersAreStartedWithoutAStop) {
     load_factory_settings();
     app_util_samba_reload_conf();
     EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck, "/bin/smbd", "/bin/nmbd"}));
