@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstring>
+#include <initializer_list>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -50,11 +51,27 @@ inline void append_line(std::string& out, std::string_view prefix, std::string_v
     out.append(prefix).append(value).append(suffix).push_back('\n');
 }
 
+// True when a value from the settings can stand as a program's argument:
+// it cannot pass for an option and holds no control character.
+inline bool value_argument_ok(std::string_view value) {
+    if (!value.empty() && value.front() == '-') return false;
+    for (char c : value) {
+        unsigned char u = static_cast<unsigned char>(c);
+        if (u < 0x20 || u == 0x7f) return false;
+    }
+    return true;
+}
+
 // A program run without a shell whose line must fit the command buffer; a
-// longer one is refused rather than cut.
-inline usbmgr::CommandLine server_command(std::vector<std::string> argv) {
+// longer one is refused rather than cut, and so is one whose arguments at
+// value_args (values from the settings) are not value_argument_ok.
+inline usbmgr::CommandLine server_command(std::vector<std::string> argv,
+                                          std::initializer_list<std::size_t> value_args = {}) {
+    bool values_ok = true;
+    for (std::size_t i : value_args)
+        if (i < argv.size() && !value_argument_ok(argv[i])) values_ok = false;
     usbmgr::CommandLine cmd = usbmgr::CommandLine::exec(std::move(argv));
-    if (cmd.text.size() >= kCommandSize) cmd.valid = false;
+    if (cmd.text.size() >= kCommandSize || !values_ok) cmd.valid = false;
     return cmd;
 }
 

@@ -64,7 +64,7 @@ static_assert(sizeof kRows / sizeof kRows[0] == 24);
 // rebuilds its media database on every start.
 int run_server() {
     return db_util_exe_command(
-        app_util_internal::server_command({kServer, "-f", field_text(MINIDLNA_CONF.conf_dir), "-R"}));
+        app_util_internal::server_command({kServer, "-f", field_text(MINIDLNA_CONF.conf_dir), "-R"}, {2}));
 }
 
 }  // namespace
@@ -90,7 +90,7 @@ int app_util_start_minidlna() {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "Kill minidlna");
         db_util_exe_command(app_util_internal::server_command({"killall", "minidlnad"}));
         // Only a restart drops the media database; a first start keeps it.
-        db_util_exe_command(app_util_internal::server_command({"rm", "-rf", field_text(MINIDLNA_CONF.db_dir)}));
+        db_util_exe_command(app_util_internal::server_command({"rm", "-rf", field_text(MINIDLNA_CONF.db_dir)}, {2}));
         usbmgr::sys_clock().sleep_us(500000);
     } else {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "Start minidlna");

@@ -277,3 +277,23 @@ TEST_F(ReloadMiniDlna, FileIsRewrittenBeforeTheServerIsStopped) {
     app_util_minidlna_reload_conf(nullptr);
     EXPECT_TRUE(file_at_stop);
 }
+
+TEST_F(StartMiniDlna, SettingThatCouldPassForAnOptionIsRefusedNotRun) {
+    load_factory_settings();
+    usbmgr::copy_str(MINIDLNA_CONF.conf_dir, "-V");
+    usbmgr::copy_str(MINIDLNA_CONF.db_dir, "--no-preserve-root");
+    minidlna_running = true;
+    seams.runner.respond = answer;
+    seams.runner.pass_through = nullptr;
+    app_util_start_minidlna();
+    EXPECT_TRUE(fake::logged("refusing command line 'rm -rf --no-preserve-root'"));
+    EXPECT_TRUE(fake::logged("refusing command line '/sbin/minidlnad -f -V -R'"));
+    EXPECT_FALSE(fake::logged("run command : rm -rf --no-preserve-root"));
+}
+
+TEST_F(StartMiniDlna, SettingWithAControlCharacterIsRefusedNotRun) {
+    load_factory_settings();
+    usbmgr::copy_str(MINIDLNA_CONF.conf_dir, "/var/mini\x01dlna.conf");
+    app_util_start_minidlna();
+    EXPECT_FALSE(fake::logged("run command : /sbin/minidlnad -f /var/mini\x01dlna.conf -R"));
+}
