@@ -89,8 +89,8 @@ bool reserved_section(std::string_view name) {
 }
 
 // The name between the brackets of a share header: '[' and ']' become '_'
-// so the header ends where it should; a name of blanks only (Samba refuses
-// an empty section name and with it the whole file) and a reserved name
+// so the header ends where it should; an empty name or one of blanks only
+// (Samba refuses an empty section name and with it the whole file) and a reserved name
 // (its lines would join the global or a special section) are made plain.
 std::string section_name(std::string_view name) {
     std::string n = app_util_internal::fit_value("[", app_util_internal::line_safe(name), "]_");
@@ -99,8 +99,10 @@ std::string section_name(std::string_view name) {
         if (c == '[' || c == ']') c = '_';
         if (!samba_space(c)) blank = false;
     }
-    if (blank)
+    if (blank) {
         for (char& c : n) c = '_';
+        if (n.empty()) n.push_back('_');
+    }
     if (reserved_section(n)) n.push_back('_');
     return n;
 }

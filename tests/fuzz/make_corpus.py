@@ -202,8 +202,56 @@ def dispatch():
     write(t, "storage_writes", bytes([5]) + b"".join(cmd(i, i32(0) + i32(0) + b"name") for i in range(24, 37)))
 
 
+def factory_value(key):
+    for line in factory_settings().splitlines():
+        if line.startswith(key + b"="):
+            return line[len(key) + 1:]
+    return b""
+
+
+SAMBA_FIELDS = [b"CONF_DIR", b"LOG_FILE", b"MAX_LOG_SIZE", b"LOG_LEVEL", b"LOAD_PRINTERS", b"PRINTCAP_NAME",
+                b"PRINTING", b"SECURITY", b"WORKGROUP", b"DISABLE_NETBIOS", b"NETBIOS_NAME", b"SERVER_STRING",
+                b"USERSHARE_ALLOW_GUESTS", b"GUEST_ACCOUNT", b"INTERFACES", b"BIND_INTERFACES_ONLY", b"USERNAME_MAP",
+                b"USERNAME_MAP_DIR"]
+MINIDLNA_FIELDS = [b"CONF_DIR", b"DB_DIR", b"LOG_DIR", b"MEDIA_DIR", b"LOG_LEVEL", b"ROOT_CONTAINER", b"PORT",
+                   b"FRIENDLY_NAME", b"SERIAL", b"MODEL_NAME", b"MODEL_NUMBER", b"INOTIFY", b"NOTIFY_INTERVAL"]
+
+
+def samba_input(changes=None, root=b"/tmp/disk", shares=()):
+    changes = changes or {}
+    out = b""
+    for f in SAMBA_FIELDS:
+        out += text8(changes.get(f, factory_value(b"USBMGR.SAMBA." + f)))
+    out += text8(root)
+    for folder, name in shares:
+        out += text8(folder) + text8(name)
+    return out
+
+
+def samba_conf():
+    t = "fuzz_samba_conf"
+    write(t, "factory_no_disks", samba_input())
+    write(t, "named_and_unnamed", samba_input(shares=[(b"sda1", b"Music"), (b"sdb1", b"")]))
+    write(t, "security_share", samba_input({b"SECURITY": b"share"}, shares=[(b"sda1", b"")]))
+    write(t, "name_with_brackets", samba_input(shares=[(b"sda1", b"x]\n[evil]\n   path = /etc")]))
+    write(t, "reserved_names", samba_input(shares=[(b"sda1", b"global"), (b"sda2", b" Ho Mes "), (b"sda3", b"PRINTERS")]))
+    write(t, "blank_name", samba_input(shares=[(b"sda1", b"   ")]))
+    write(t, "trailing_backslash", samba_input({b"WORKGROUP": b"HOME\\  "}, shares=[(b"sda1\\", b"")]))
+    write(t, "long_folder", samba_input(root=b"/" + b"r" * 98, shares=[(b"f" * 200, b"n" * 63)]))
+    write(t, "unterminated_fields", samba_input({f: b"w" * 70 for f in SAMBA_FIELDS}))
+
+
+def minidlna_conf():
+    t = "fuzz_minidlna_conf"
+    write(t, "factory", b"".join(text8(factory_value(b"USBMGR.MINIDLNA." + f)) for f in MINIDLNA_FIELDS))
+    write(t, "empty", b"")
+    write(t, "newline_in_name", b"".join(
+        text8(b"tv\nport=1" if f == b"FRIENDLY_NAME" else factory_value(b"USBMGR.MINIDLNA." + f)) for f in MINIDLNA_FIELDS))
+    write(t, "unterminated_fields", b"".join(text8(b"a" * 130) for f in MINIDLNA_FIELDS))
+
+
 def main():
-    for f in (config_file, settings, history, hotplug, dispatch):
+    for f in (config_file, settings, history, hotplug, dispatch, samba_conf, minidlna_conf):
         f()
     return 0
 

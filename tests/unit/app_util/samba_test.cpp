@@ -297,6 +297,11 @@ TEST_F(SambaConfText, BlankVolumeNameIsMadePlain) {
     EXPECT_EQ(share_lines(render({{"sda1", "   "}}))[0], "[___]");
 }
 
+TEST_F(SambaConfText, EmptyFolderNameIsMadePlain) {
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"", ""}}))[0], "[_]");
+}
+
 TEST_F(SambaConfText, SettingValueWithLineBreaksStaysOnItsOwnLine) {
     load_factory_settings();
     usbmgr::copy_str(SAMBA_CONF.workgroup, "HOME\n[share]\npath = /");
