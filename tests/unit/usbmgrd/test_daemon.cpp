@@ -491,7 +491,9 @@ TEST(Startup, ResetFailureAfterTheBusStopsLogsItsCodeAndIsAnErrorEnd) {
 TEST(Startup, DeferredWorkerThatCannotStartIsAnErrorEnd) {
     Seams seams;
     auto run = run_daemon(seams, [] {
-        // No descriptor can be made any more: the worker's wake-up cannot exist.
+        // The parent's wake-up exists; after it no descriptor can be made any
+        // more, so the worker's wake-up cannot exist.
+        usbmgr_install_termination_handlers();
         rlimit none{0, 0};
         setrlimit(RLIMIT_NOFILE, &none);
     });
