@@ -545,6 +545,16 @@ TEST_F(OrbIilBus, NotifyFromThreadsWhileResetRunsAnswersErrorCodesAndNeverTouche
     std::atomic<int> refused{0};
     std::atomic<int> unexpected{0};
     std::vector<std::thread> notifiers;
+    // However the test ends, the notifiers stop before their counters go.
+    struct Joiner {
+        std::atomic<bool>& done;
+        std::vector<std::thread>& threads;
+        ~Joiner() {
+            done = true;
+            for (std::thread& t : threads)
+                if (t.joinable()) t.join();
+        }
+    } joiner{done, notifiers};
     for (int t = 0; t < kThreads; ++t) {
         notifiers.emplace_back([&] {
             uint32_t kind = 0;
@@ -563,8 +573,11 @@ TEST_F(OrbIilBus, NotifyFromThreadsWhileResetRunsAnswersErrorCodesAndNeverTouche
     }
     // Each round brings the connection up, lets the notifiers through, and
     // tears it down under them.
+    // A name of its own each round: the bus may not yet have seen the last
+    // round's connection go when the next one asks for a name.
     for (int round = 0; round < kRounds; ++round) {
-        ASSERT_EQ(OrbIilInit(&server_, "SRV"), ORBIIL_OK);
+        const std::string name = "SRV" + std::to_string(round);
+        ASSERT_EQ(OrbIilInit(&server_, name.c_str()), ORBIIL_OK);
         ASSERT_EQ(OrbIilIssueEvent(&server_, 0, 4), ORBIIL_OK);
         const int before = sent.load();
         EXPECT_TRUE(wait_until([&] { return sent.load() >= before + kThreads; }));
@@ -584,7 +597,8 @@ TEST_F(OrbIilBus, NotifyFromThreadsWhileResetRunsAnswersErrorCodesAndNeverTouche
 
 TEST_F(OrbIilBus, ResetRacingResetOnAnotherThreadSucceedsOnce) {
     for (int round = 0; round < 10; ++round) {
-        ASSERT_EQ(OrbIilInit(&server_, "SRV"), ORBIIL_OK);
+        const std::string name = "SRV" + std::to_string(round);
+        ASSERT_EQ(OrbIilInit(&server_, name.c_str()), ORBIIL_OK);
         std::atomic<int> ok{0};
         std::vector<std::thread> resetters;
         for (int t = 0; t < 3; ++t)
