@@ -12,7 +12,7 @@ namespace {
 
 using Lines = std::vector<std::string>;
 
-[[maybe_unused]] const std::string kMv = "mv /tmp/tr140.temp /var/config/tr140.conf";
+const std::string kMv = "mv /tmp/tr140.temp /var/config/tr140.conf";
 
 void write_lines(const std::string& path, const Lines& lines) {
     std::string text;
@@ -21,10 +21,10 @@ void write_lines(const std::string& path, const Lines& lines) {
 }
 
 void write_history(const Lines& lines) { write_lines(TR140_CONF_PATH, lines); }
-[[maybe_unused]] Lines history() { return testing_support::read_lines(TR140_CONF_PATH); }
+Lines history() { return testing_support::read_lines(TR140_CONF_PATH); }
 
 // Settings with the named accounts in the given slots.
-[[maybe_unused]] void write_accounts(const std::vector<std::pair<int, std::string>>& accounts) {
+void write_accounts(const std::vector<std::pair<int, std::string>>& accounts) {
     Lines lines = {"USBMGR.MOUNT_DISK_PATH=/var/usb"};
     for (const auto& [slot, name] : accounts) {
         const std::string n = std::to_string(slot);
@@ -146,4 +146,211 @@ TEST(UserAccess, VolumeNamesOutsideVolumesZeroToTwentyFourAreAnsweredWithoutRead
     EXPECT_EQ(db_util_get_user_access_info_by_index(-1, 0, "sda1", &info), -1);
     EXPECT_EQ(db_util_get_user_access_info_by_index(26, 0, "sda1", &info), -1);
     EXPECT_EQ(db_util_get_user_access_info_by_index(0, 0, "sda1", nullptr), -1);
+}
+
+// ---------------------------------------------------------------------------
+// Account numbers
+
+TEST(UserAccess, AccountNumberIsTheFirstSlotWithThatName) {
+    testing_support::Seams seams;
+    write_accounts({{0, "alice"}, {3, "bob"}, {7, "bob"}});
+    EXPECT_EQ(dp_util_get_samba_user_index("bob"), 3);
+    EXPECT_EQ(dp_util_get_samba_user_index("alice"), 0);
+    EXPECT_EQ(dp_util_get_samba_user_index("Bob"), -1);
+}
+
+TEST(UserAccess, UnknownUserIsAccountZeroWhenSlotTwentyFourIsInUse) {
+    testing_support::Seams seams;
+    write_accounts({{3, "bob"}, {24, "zed"}});
+    EXPECT_EQ(dp_util_get_samba_user_index("nobody"), 0);
+}
+
+// ---------------------------------------------------------------------------
+// Adding entries
+
+TEST(UserAccess, AddingForAccountThreeInsertsBothLinesRightAfterTheVolumesEnableLine) {
+    testing_support::Seams seams;
+    write_accounts({{0, "alice"}, {3, "dave"}});
+    write_history({"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1",
+                   ref_line(0, 0, 0, 0), perm_line(0, 0, 0, "1"), "USBMGR.0.NAME.1=", "USBMGR.0.ENABLE.1=1"});
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 1, "dave", 2), 0);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=",
+                                "USBMGR.0.ENABLE.0=1",
+                                "USBMGR.0.USER_ACCESS.0.USERREFERENCE.1=StorageService.0.UserAccess.3",
+                                "USBMGR.0.USER_ACCESS.0.PERMISSIONS.1=2", ref_line(0, 0, 0, 0),
+                                perm_line(0, 0, 0, "1"), "USBMGR.0.NAME.1=", "USBMGR.0.ENABLE.1=1"}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
+    EXPECT_TRUE(fake::logged("run command : " + kMv));
+}
+
+TEST(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsFreeLeavesTheFileUntouched) {
+    testing_support::Seams seams;
+    write_accounts({{3, "dave"}});
+    write_history(record_with_entries_zero_and_two());
+    const std::string before = testing_support::read_file(TR140_CONF_PATH);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 1, "nobody", 2), -1);
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH), before);
+    EXPECT_TRUE(seams.runner.texts().empty());
+}
+
+TEST(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsInUseAddsForAccountZero) {
+    testing_support::Seams seams;
+    write_accounts({{3, "dave"}, {24, "zed"}});
+    write_history({"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"});
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 0, "nobody", 4), 0);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1",
+                                ref_line(0, 0, 0, 0), perm_line(0, 0, 0, "4")}));
+}
+
+TEST(UserAccess, AddingToAVolumeWithoutEnableLineRewritesTheFileUnchangedAndAnswersMinusOne) {
+    testing_support::Seams seams;
+    write_accounts({{3, "dave"}});
+    write_history(record_with_entries_zero_and_two());
+    const std::string before = testing_support::read_file(TR140_CONF_PATH);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda3", 0, "dave", 2), -1);
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH), before);
+    EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
+}
+
+TEST(UserAccess, AddingWithoutHistoryFileAnswersMinusOneAndCreatesNothing) {
+    testing_support::Seams seams;
+    write_accounts({{3, "dave"}});
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 0, "dave", 2), -1);
+    EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
+    EXPECT_FALSE(testing_support::file_exists(TR140_TEMP_PATH));
+    EXPECT_TRUE(seams.runner.texts().empty());
+}
+
+TEST(UserAccess, AddingOutOfRangeWritesNothing) {
+    testing_support::Seams seams;
+    write_accounts({{3, "dave"}});
+    write_history(record_with_entries_zero_and_two());
+    const std::string before = testing_support::read_file(TR140_CONF_PATH);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 26, "dave", 2), -1);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", -1, "dave", 2), -1);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda26", 0, "dave", 2), -1);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda0", 0, "dave", 2), -1);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(-1, "sda1", 0, "dave", 2), -1);
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 0, nullptr, 2), -1);
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH), before);
+    EXPECT_TRUE(seams.runner.texts().empty());
+}
+
+TEST(UserAccess, AddingAfterACutLastLineStartsTheEntryOnALineOfItsOwn) {
+    testing_support::Seams seams;
+    write_accounts({{3, "dave"}});
+    testing_support::write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=S\nUSBMGR.0.ENABLE.0=1");
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 0, "dave", 2), 0);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.ENABLE.0=1", ref_line(0, 0, 0, 3),
+                                perm_line(0, 0, 0, "2")}));
+}
+
+// ---------------------------------------------------------------------------
+// Removing entries
+
+TEST(UserAccess, RemovingAnEntryDropsItsTwoLinesAndKeepsTheOthersNumbers) {
+    testing_support::Seams seams;
+    write_history(record_with_entries_zero_and_two());
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess(0, "sda1", 2), 0);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=",
+                                "USBMGR.0.ENABLE.0=1", ref_line(0, 0, 0, 3), perm_line(0, 0, 0, "2"),
+                                "USBMGR.0.NAME.1=", "USBMGR.0.ENABLE.1=1"}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
+}
+
+TEST(UserAccess, RemovingAnAbsentEntryLeavesTheFileAlone) {
+    testing_support::Seams seams;
+    write_history(record_with_entries_zero_and_two());
+    const std::string before = testing_support::read_file(TR140_CONF_PATH);
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess(0, "sda1", 1), -1);
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess(0, "sda1", 26), -1);
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess(0, "sdb", 0), -1);
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH), before);
+    EXPECT_TRUE(seams.runner.texts().empty());
+}
+
+TEST(UserAccess, RemovingAccountTwoByNameAlsoRemovesAccountsTwentyToTwentyFourButNotTwelve) {
+    testing_support::Seams seams;
+    write_accounts({{2, "carol"}, {12, "lena"}, {20, "tom"}});
+    Lines lines = {"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"};
+    int e = 0;
+    for (int account : {2, 12, 20, 21, 22, 23, 24, 1}) {
+        lines.push_back(ref_line(0, 0, e, account));
+        lines.push_back(perm_line(0, 0, e, std::to_string(account)));
+        ++e;
+    }
+    lines.push_back("USBMGR.1.SERIAL_NUMBER=T");
+    lines.push_back("USBMGR.1.ENABLE.0=1");
+    lines.push_back(ref_line(1, 0, 0, 2));
+    lines.push_back(perm_line(1, 0, 0, ""));
+    write_history(lines);
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess_by_username("carol"), -1);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1",
+                                ref_line(0, 0, 1, 12), perm_line(0, 0, 1, "12"), ref_line(0, 0, 7, 1),
+                                perm_line(0, 0, 7, "1"), "USBMGR.1.SERIAL_NUMBER=T", "USBMGR.1.ENABLE.0=1"}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
+}
+
+TEST(UserAccess, RemovingByNameKeepsAPermissionLineThatDoesNotFollowItsReference) {
+    testing_support::Seams seams;
+    write_accounts({{2, "carol"}});
+    write_history({"USBMGR.0.ENABLE.0=1", ref_line(0, 0, 0, 2), ref_line(0, 0, 1, 5), perm_line(0, 0, 0, "1"),
+                   perm_line(0, 0, 1, "1")});
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess_by_username("carol"), -1);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.ENABLE.0=1", ref_line(0, 0, 1, 5), perm_line(0, 0, 0, "1"),
+                                perm_line(0, 0, 1, "1")}));
+}
+
+TEST(UserAccess, RemovingByNameWithoutHistoryFileChangesNothing) {
+    testing_support::Seams seams;
+    write_accounts({{2, "carol"}});
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess_by_username("carol"), -1);
+    EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
+    EXPECT_TRUE(seams.runner.texts().empty());
+}
+
+// ---------------------------------------------------------------------------
+// Entries created with a new disk
+
+TEST(UserAccessAutoCreate, NewDiskGetsAnEntryPerAccountAfterEachEnableLineWithEmptyPermissions) {
+    testing_support::Seams seams;
+    NUMBER_OF_MAX_TR140_HISTORY_ITEM = 5;
+    AUTO_CREATE_USER_ACCESS_DATA = 1;
+    write_accounts({{0, "alice"}, {1, "bob"}});
+    db_util_tr140_conf_record_new_sn("S", 2);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=",
+                                "USBMGR.0.ENABLE.0=1",
+                                "USBMGR.0.USER_ACCESS.0.USERREFERENCE.0=StorageService.0.UserAccess.0",
+                                "USBMGR.0.USER_ACCESS.0.PERMISSIONS.0=",
+                                "USBMGR.0.USER_ACCESS.0.USERREFERENCE.1=StorageService.0.UserAccess.1",
+                                "USBMGR.0.USER_ACCESS.0.PERMISSIONS.1=", "USBMGR.0.NAME.1=", "USBMGR.0.ENABLE.1=1",
+                                "USBMGR.0.USER_ACCESS.1.USERREFERENCE.0=StorageService.0.UserAccess.0",
+                                "USBMGR.0.USER_ACCESS.1.PERMISSIONS.0=",
+                                "USBMGR.0.USER_ACCESS.1.USERREFERENCE.1=StorageService.0.UserAccess.1",
+                                "USBMGR.0.USER_ACCESS.1.PERMISSIONS.1="}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{"orbcm_util cfg save"}));
+    UserAccessInfo info{};
+    EXPECT_EQ(db_util_get_user_access_info_by_index(1, 0, "sda2", &info), 0);
+    EXPECT_STREQ(info.user_reference, "StorageService.0.UserAccess.1");
+    EXPECT_EQ(info.permissions, -1);
+}
+
+TEST(UserAccessAutoCreate, NewDiskGetsNoEntriesWhenAutomaticCreationIsOff) {
+    testing_support::Seams seams;
+    NUMBER_OF_MAX_TR140_HISTORY_ITEM = 5;
+    AUTO_CREATE_USER_ACCESS_DATA = 0;
+    write_accounts({{0, "alice"}});
+    db_util_tr140_conf_record_new_sn("S", 1);
+    EXPECT_EQ(history(),
+              (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"}));
+}
+
+TEST(UserAccessAutoCreate, NewDiskGetsNoEntriesWhenThereAreNoAccounts) {
+    testing_support::Seams seams;
+    NUMBER_OF_MAX_TR140_HISTORY_ITEM = 5;
+    AUTO_CREATE_USER_ACCESS_DATA = 1;
+    write_accounts({});
+    db_util_tr140_conf_record_new_sn("S", 1);
+    EXPECT_EQ(history(),
+              (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"}));
 }
