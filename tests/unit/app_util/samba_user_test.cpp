@@ -10,6 +10,7 @@
 #include "db_util/db_util.h"
 #include "db_util/str.h"
 #include "platform_fake.h"
+#include "fixture.h"
 #include "test_support.h"
 
 namespace {
@@ -36,23 +37,24 @@ Lines join(std::initializer_list<Lines> parts) {
 
 }  // namespace
 
+class SambaUserSlots : public testing_support::DaemonTest {};
+class SambaUsers : public testing_support::DaemonTest {};
+class SambaUsersStartUp : public testing_support::DaemonTest {};
+
 // ---------------------------------------------------------------------------
 // Reading slots
 
-TEST(SambaUserSlots, CountsSlotsInUseAcrossGaps) {
-    testing_support::Seams seams;
+TEST_F(SambaUserSlots, CountsSlotsInUseAcrossGaps) {
     write_lines(USBMGR_CONF_PATH, join({{"USBMGR.SAMBA.ENABLE=1"}, slot_lines(0, "alice", "a", 1),
                                         slot_lines(3, "carol", "c", 0), slot_lines(24, "zed", "z", 1)}));
     EXPECT_EQ(app_util_get_number_of_samba_users(), 3);
 }
 
-TEST(SambaUserSlots, NoSettingsFileCountsNoUsers) {
-    testing_support::Seams seams;
+TEST_F(SambaUserSlots, NoSettingsFileCountsNoUsers) {
     EXPECT_EQ(app_util_get_number_of_samba_users(), 0);
 }
 
-TEST(SambaUserSlots, UserByIndexCountsOnlySlotsInUse) {
-    testing_support::Seams seams;
+TEST_F(SambaUserSlots, UserByIndexCountsOnlySlotsInUse) {
     write_lines(USBMGR_CONF_PATH, join({slot_lines(0, "alice", "apw", 1), slot_lines(3, "carol", "cpw", 0)}));
     SambaUserInfo user{};
     EXPECT_EQ(app_util_get_samba_user_by_index(1, &user), 0);
@@ -65,8 +67,7 @@ TEST(SambaUserSlots, UserByIndexCountsOnlySlotsInUse) {
     EXPECT_EQ(user.enable, 1u);
 }
 
-TEST(SambaUserSlots, UserByIndexPastTheLastFillsNothingAndAnswersMinusOneWhenSlotTwentyFourIsFree) {
-    testing_support::Seams seams;
+TEST_F(SambaUserSlots, UserByIndexPastTheLastFillsNothingAndAnswersMinusOneWhenSlotTwentyFourIsFree) {
     write_lines(USBMGR_CONF_PATH, slot_lines(0, "alice", "apw", 1));
     SambaUserInfo user{};
     std::strcpy(user.name, "keep");
@@ -74,8 +75,7 @@ TEST(SambaUserSlots, UserByIndexPastTheLastFillsNothingAndAnswersMinusOneWhenSlo
     EXPECT_STREQ(user.name, "keep");
 }
 
-TEST(SambaUserSlots, UserByIndexPastTheLastAnswersZeroWhenSlotTwentyFourIsInUse) {
-    testing_support::Seams seams;
+TEST_F(SambaUserSlots, UserByIndexPastTheLastAnswersZeroWhenSlotTwentyFourIsInUse) {
     write_lines(USBMGR_CONF_PATH, slot_lines(24, "zed", "zpw", 1));
     SambaUserInfo user{};
     std::strcpy(user.name, "keep");
@@ -83,8 +83,7 @@ TEST(SambaUserSlots, UserByIndexPastTheLastAnswersZeroWhenSlotTwentyFourIsInUse)
     EXPECT_STREQ(user.name, "keep");
 }
 
-TEST(SambaUserSlots, UserWithoutPasswordLineAnswersMinusOneWithNameFilled) {
-    testing_support::Seams seams;
+TEST_F(SambaUserSlots, UserWithoutPasswordLineAnswersMinusOneWithNameFilled) {
     write_lines(USBMGR_CONF_PATH, {"USBMGR.SAMBA.USER_NAME.0=alice", "USBMGR.SAMBA.USER_ENABLE.0=1"});
     SambaUserInfo user{};
     std::strcpy(user.password, "keep");
@@ -121,8 +120,7 @@ std::string remove_cmd(const std::string& name) { return "/bin/pdbedit -x -u " +
 
 }  // namespace
 
-TEST(SambaUsers, AddingToAnEmptyTableWritesSlotZerosThreeLinesAtTheEnd) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingToAnEmptyTableWritesSlotZerosThreeLinesAtTheEnd) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, kTail}));
     EXPECT_EQ(app_util_add_samba_user("alice", "secret", 1), 0);
@@ -132,8 +130,7 @@ TEST(SambaUsers, AddingToAnEmptyTableWritesSlotZerosThreeLinesAtTheEnd) {
     EXPECT_FALSE(testing_support::file_exists(USBMGR_TEMP_PATH));
 }
 
-TEST(SambaUsers, PdbeditRunsWithoutAShellWithNameAndPasswordAsSingleArguments) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, PdbeditRunsWithoutAShellWithNameAndPasswordAsSingleArguments) {
     set_map();
     write_lines(USBMGR_CONF_PATH, kHead);
     EXPECT_EQ(app_util_add_samba_user("al;ice", "se cret$(x)", 1), 0);
@@ -145,8 +142,7 @@ TEST(SambaUsers, PdbeditRunsWithoutAShellWithNameAndPasswordAsSingleArguments) {
     EXPECT_TRUE(fake::logged("run command : /bin/pdbedit -a -u al;ice -T se cret$(x) -A"));
 }
 
-TEST(SambaUsers, AddingWhenSlotsZeroOneAndThreeAreUsedGivesSlotTwoBeforeTheNextUserLineAfterSlotOne) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingWhenSlotsZeroOneAndThreeAreUsedGivesSlotTwoBeforeTheNextUserLineAfterSlotOne) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 1),
                                         {"USBMGR.SAMBA.WORKGROUP=HOME"}, slot_lines(3, "dave", "d", 1), kTail}));
@@ -159,8 +155,7 @@ TEST(SambaUsers, AddingWhenSlotsZeroOneAndThreeAreUsedGivesSlotTwoBeforeTheNextU
     EXPECT_EQ(map_file(), "admin = alice bob dave");
 }
 
-TEST(SambaUsers, AddingAfterTheLastUserLineOfSlotOneAppendsAtTheEnd) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingAfterTheLastUserLineOfSlotOneAppendsAtTheEnd) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 1), kTail}));
     EXPECT_EQ(app_util_add_samba_user("carol", "c", 1), 0);
@@ -169,16 +164,14 @@ TEST(SambaUsers, AddingAfterTheLastUserLineOfSlotOneAppendsAtTheEnd) {
     EXPECT_EQ(map_file(), "admin = alice bob carol");
 }
 
-TEST(SambaUsers, AddingAfterACutLastLineStartsTheNewLinesOnALineOfTheirOwn) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingAfterACutLastLineStartsTheNewLinesOnALineOfTheirOwn) {
     set_map();
     testing_support::write_file(USBMGR_CONF_PATH, "USBMGR.SAMBA.USERNAME_MAP=admin");
     EXPECT_EQ(app_util_add_samba_user("alice", "a", 1), 0);
     EXPECT_EQ(settings(), join({{"USBMGR.SAMBA.USERNAME_MAP=admin"}, slot_lines(0, "alice", "a", 1)}));
 }
 
-TEST(SambaUsers, AddingIntoAFreeSlotDropsLinesItsFormerUserLeftBehind) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingIntoAFreeSlotDropsLinesItsFormerUserLeftBehind) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, {"USBMGR.SAMBA.USER_PASSWORD.0=old"}, kTail}));
     EXPECT_EQ(app_util_add_samba_user("alice", "new", 1), 0);
@@ -188,8 +181,7 @@ TEST(SambaUsers, AddingIntoAFreeSlotDropsLinesItsFormerUserLeftBehind) {
     EXPECT_STREQ(user.password, "new");
 }
 
-TEST(SambaUsers, AddingANameAlreadyThereChangesNothing) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingANameAlreadyThereChangesNothing) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1)}));
     const std::string before = testing_support::read_file(USBMGR_CONF_PATH);
@@ -198,24 +190,21 @@ TEST(SambaUsers, AddingANameAlreadyThereChangesNothing) {
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(SambaUsers, WithSlotTwentyFourInUseAddingAnyNameIsRefused) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, WithSlotTwentyFourInUseAddingAnyNameIsRefused) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(24, "zed", "z", 1)}));
     EXPECT_EQ(app_util_add_samba_user("alice", "a", 1), -1);
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(SambaUsers, AddingWithoutSettingsFileMovesTheTemporaryFileAndAnswersMinusOne) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingWithoutSettingsFileMovesTheTemporaryFileAndAnswersMinusOne) {
     set_map();
     EXPECT_EQ(app_util_add_samba_user("alice", "a", 1), -1);
     EXPECT_TRUE(fake::logged("File /var/config/usbmgr.conf not found ..."));
     EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, add_cmd("alice", "a")}));
 }
 
-TEST(SambaUsers, AddingWhenTheTemporaryFileCannotBeMadeChangesNothing) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, AddingWhenTheTemporaryFileCannotBeMadeChangesNothing) {
     set_map();
     write_lines(USBMGR_CONF_PATH, kHead);
     mkdir(USBMGR_TEMP_PATH, 0755);
@@ -225,8 +214,7 @@ TEST(SambaUsers, AddingWhenTheTemporaryFileCannotBeMadeChangesNothing) {
     EXPECT_TRUE(fake::logged("Create File /tmp/usbmgr.temp Fail ..."));
 }
 
-TEST(SambaUsers, NamesAndPasswordsThatCannotStandOnOneLineAreRefusedAndChangeNothing) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, NamesAndPasswordsThatCannotStandOnOneLineAreRefusedAndChangeNothing) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1)}));
     const std::string before = testing_support::read_file(USBMGR_CONF_PATH);
@@ -264,8 +252,7 @@ TEST(SambaUsers, NamesAndPasswordsThatCannotStandOnOneLineAreRefusedAndChangeNot
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(SambaUsers, PasswordsMayHoldBlanksEqualsAndQuotes) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, PasswordsMayHoldBlanksEqualsAndQuotes) {
     set_map();
     write_lines(USBMGR_CONF_PATH, kHead);
     EXPECT_EQ(app_util_add_samba_user("bob", "a b=\"c\"", 1), 0);
@@ -274,8 +261,7 @@ TEST(SambaUsers, PasswordsMayHoldBlanksEqualsAndQuotes) {
     EXPECT_STREQ(user.password, "a b=\"c\"");
 }
 
-TEST(SambaUsers, RemovingDropsTheSlotsLinesAndRunsTheDeleteCommand) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, RemovingDropsTheSlotsLinesAndRunsTheDeleteCommand) {
     set_map();
     write_lines(USBMGR_CONF_PATH,
                 join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 1), kTail}));
@@ -285,8 +271,7 @@ TEST(SambaUsers, RemovingDropsTheSlotsLinesAndRunsTheDeleteCommand) {
     EXPECT_EQ(map_file(), "admin = bob");
 }
 
-TEST(SambaUsers, RemovingAnUnknownNameWhileSlotTwentyFourIsFreeChangesNothing) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, RemovingAnUnknownNameWhileSlotTwentyFourIsFreeChangesNothing) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1)}));
     EXPECT_EQ(app_util_remove_samba_user("nobody"), -1);
@@ -294,8 +279,7 @@ TEST(SambaUsers, RemovingAnUnknownNameWhileSlotTwentyFourIsFreeChangesNothing) {
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(SambaUsers, WithSlotTwentyFourInUseRemovingAnUnknownNameRemovesTheUserOfSlotZero) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, WithSlotTwentyFourInUseRemovingAnUnknownNameRemovesTheUserOfSlotZero) {
     set_map();
     write_lines(USBMGR_CONF_PATH,
                 join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(24, "zed", "z", 1)}));
@@ -304,8 +288,7 @@ TEST(SambaUsers, WithSlotTwentyFourInUseRemovingAnUnknownNameRemovesTheUserOfSlo
     EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, remove_cmd("nobody")}));
 }
 
-TEST(SambaUsers, ModifyingRewritesTheSlotsLinesInPlaceAndReaddsAnEnabledUser) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, ModifyingRewritesTheSlotsLinesInPlaceAndReaddsAnEnabledUser) {
     set_map();
     write_lines(USBMGR_CONF_PATH,
                 join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 0), kTail}));
@@ -315,8 +298,7 @@ TEST(SambaUsers, ModifyingRewritesTheSlotsLinesInPlaceAndReaddsAnEnabledUser) {
     EXPECT_EQ(map_file(), "admin = alice bob");
 }
 
-TEST(SambaUsers, ModifyingAUserToDisabledRunsOnlyTheDeleteCommand) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, ModifyingAUserToDisabledRunsOnlyTheDeleteCommand) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1)}));
     EXPECT_EQ(app_util_modify_samba_user("alice", "a", 0), 0);
@@ -325,8 +307,7 @@ TEST(SambaUsers, ModifyingAUserToDisabledRunsOnlyTheDeleteCommand) {
     EXPECT_EQ(map_file(), "admin =");
 }
 
-TEST(SambaUsers, ModifyingASlotWithoutEnableLineAnswersMinusOne) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, ModifyingASlotWithoutEnableLineAnswersMinusOne) {
     set_map();
     write_lines(USBMGR_CONF_PATH, {"USBMGR.SAMBA.USER_NAME.0=alice", "USBMGR.SAMBA.USER_PASSWORD.0=a"});
     EXPECT_EQ(app_util_modify_samba_user("alice", "b", 1), -1);
@@ -336,8 +317,7 @@ TEST(SambaUsers, ModifyingASlotWithoutEnableLineAnswersMinusOne) {
 // ---------------------------------------------------------------------------
 // Samba's own user list and the map file
 
-TEST(SambaUsers, KnownUserIsTheTextBeforeTheFirstColonOfAPasswordLine) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, KnownUserIsTheTextBeforeTheFirstColonOfAPasswordLine) {
     set_map();
     testing_support::write_file("/var/samba/smbpasswd", "no colon here\nalice:1000:XXX:YYY:[U ]:LCT-0:\n");
     EXPECT_EQ(app_util_is_samba_user("alice"), 1);
@@ -346,13 +326,11 @@ TEST(SambaUsers, KnownUserIsTheTextBeforeTheFirstColonOfAPasswordLine) {
     EXPECT_EQ(app_util_is_samba_user("no colon here"), 0);
 }
 
-TEST(SambaUsers, WithoutSambasPasswordFileNobodyIsKnown) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, WithoutSambasPasswordFileNobodyIsKnown) {
     EXPECT_EQ(app_util_is_samba_user("alice"), 0);
 }
 
-TEST(SambaUsers, MapLeavesOutDisabledUsersAndAddsOnlyUnknownEnabledOnesWhenAsked) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, MapLeavesOutDisabledUsersAndAddsOnlyUnknownEnabledOnesWhenAsked) {
     set_map();
     testing_support::write_file("/var/samba/smbpasswd", "alice:1000:X:Y:[U ]:LCT-0:\n");
     testing_support::write_file(kMapPath, "old contents\n");
@@ -366,8 +344,7 @@ TEST(SambaUsers, MapLeavesOutDisabledUsersAndAddsOnlyUnknownEnabledOnesWhenAsked
     EXPECT_EQ(st.st_mode & 0777, 0644u);
 }
 
-TEST(SambaUsers, MapWithFlagZeroOnlyRewritesTheFile) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, MapWithFlagZeroOnlyRewritesTheFile) {
     set_map();
     write_lines(USBMGR_CONF_PATH, slot_lines(0, "alice", "a", 1));
     app_util_write_samba_username_map(0);
@@ -375,8 +352,7 @@ TEST(SambaUsers, MapWithFlagZeroOnlyRewritesTheFile) {
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(SambaUsers, MapLeavesOutAStoredNameThatWouldSplitTheLine) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, MapLeavesOutAStoredNameThatWouldSplitTheLine) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({slot_lines(0, "al ice", "a", 1), slot_lines(1, "bob", "b", 1)}));
     app_util_write_samba_username_map(1);
@@ -384,8 +360,7 @@ TEST(SambaUsers, MapLeavesOutAStoredNameThatWouldSplitTheLine) {
     EXPECT_EQ(seams.runner.texts(), (Lines{add_cmd("bob", "b")}));
 }
 
-TEST(SambaUsers, MapIsNotWrittenWhenItsFolderIsMissing) {
-    testing_support::Seams seams;
+TEST_F(SambaUsers, MapIsNotWrittenWhenItsFolderIsMissing) {
     usbmgr::copy_str(SAMBA_CONF.username_map, "admin");
     usbmgr::copy_str(SAMBA_CONF.username_map_dir, "/var/nowhere/usermap");
     write_lines(USBMGR_CONF_PATH, slot_lines(0, "alice", "a", 1));
@@ -408,8 +383,7 @@ OrbSmUser account(int flag, const char* name, const char* password) {
 
 }  // namespace
 
-TEST(SambaUsersStartUp, MapAccountIsAddedToSambaThenEveryUnknownEnabledUser) {
-    testing_support::Seams seams;
+TEST_F(SambaUsersStartUp, MapAccountIsAddedToSambaThenEveryUnknownEnabledUser) {
     set_map();
     fake::orbsm().users = {account(1, "guest", "g"), account(0, "admin", "off"), account(1, "admin", "root")};
     write_lines(USBMGR_CONF_PATH, join({slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 0)}));
@@ -419,8 +393,7 @@ TEST(SambaUsersStartUp, MapAccountIsAddedToSambaThenEveryUnknownEnabledUser) {
     EXPECT_EQ(map_file(), "admin = alice");
 }
 
-TEST(SambaUsersStartUp, MapAccountKnownToSambaIsNotAddedAgain) {
-    testing_support::Seams seams;
+TEST_F(SambaUsersStartUp, MapAccountKnownToSambaIsNotAddedAgain) {
     set_map();
     testing_support::write_file("/var/samba/smbpasswd", "admin:0:X:Y:[U ]:LCT-0:\n");
     fake::orbsm().users = {account(1, "admin", "root")};
@@ -430,8 +403,7 @@ TEST(SambaUsersStartUp, MapAccountKnownToSambaIsNotAddedAgain) {
     EXPECT_EQ(map_file(), "admin =");
 }
 
-TEST(SambaUsersStartUp, FailedAccountQueryStillWritesTheMapAndAddsStoredUsers) {
-    testing_support::Seams seams;
+TEST_F(SambaUsersStartUp, FailedAccountQueryStillWritesTheMapAndAddsStoredUsers) {
     set_map();
     fake::orbsm().code = 3;
     fake::orbsm().users = {account(1, "admin", "root")};

@@ -7,17 +7,13 @@
 #include "db_util/db_util.h"
 #include "db_util/lock.h"
 #include "db_util/str.h"
+#include "fixture.h"
 #include "platform_fake.h"
-#include "test_support.h"
 
 namespace {
 
-void clear_tables() {
-    std::memset(usb_physical_info, 0, sizeof usb_physical_info);
-    std::memset(usb_volume_info, 0, sizeof usb_volume_info);
-    USB_PHYSICAL_INFO_MAX = USB_TABLE_SIZE;
-    USB_VOLUME_INFO_MAX = USB_TABLE_SIZE;
-}
+// Every test starts and ends with empty tables of full capacity.
+using DeviceTables = testing_support::DaemonTest;
 
 // Fills a slot the way the arrival handler does.
 void put_disk(int slot, const char* device, const char* serial) {
@@ -39,9 +35,7 @@ std::string disk_name(int n) {
 
 }  // namespace
 
-TEST(DeviceTables, TwentySixthDiskGetsNoSlot) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, TwentySixthDiskGetsNoSlot) {
     for (int n = 0; n < 25; ++n) {
         int slot = db_util_get_usb_physical_info_free_item(disk_name(n).c_str());
         ASSERT_EQ(slot, n);
@@ -50,24 +44,18 @@ TEST(DeviceTables, TwentySixthDiskGetsNoSlot) {
     EXPECT_EQ(db_util_get_usb_physical_info_free_item(disk_name(25).c_str()), -1);
 }
 
-TEST(DeviceTables, DiskAlreadyListedGetsItsOldSlotBackBeforeLowerFreeSlots) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, DiskAlreadyListedGetsItsOldSlotBackBeforeLowerFreeSlots) {
     put_disk(4, "sdc", "S4");
     EXPECT_EQ(db_util_get_usb_physical_info_free_item("sdc"), 4);
     EXPECT_EQ(db_util_get_usb_physical_info_free_item("sdd"), 0);
 }
 
-TEST(DeviceTables, SlotHoldingOnlyASerialNumberIsNotFree) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, SlotHoldingOnlyASerialNumberIsNotFree) {
     usbmgr::copy_str(usb_physical_info[0].serial_number, "LEFTOVER");
     EXPECT_EQ(db_util_get_usb_physical_info_free_item("sda"), 1);
 }
 
-TEST(DeviceTables, VolumeSlotIsReusedThenLowestFreeThenNone) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, VolumeSlotIsReusedThenLowestFreeThenNone) {
     put_volume(3, "sda1");
     EXPECT_EQ(db_util_get_usb_volume_info_free_item("sda1"), 3);
     EXPECT_EQ(db_util_get_usb_volume_info_free_item("sda2"), 0);
@@ -76,10 +64,8 @@ TEST(DeviceTables, VolumeSlotIsReusedThenLowestFreeThenNone) {
     EXPECT_EQ(db_util_get_usb_volume_info_free_item("sdz1"), -1);
 }
 
-TEST(DeviceTables, DeletedDiskSlotIsFreeButKeepsItsModelAddress) {
-    testing_support::Seams seams;
+TEST_F(DeviceTables, DeletedDiskSlotIsFreeButKeepsItsModelAddress) {
     usbmgr::DaemonLock lock;  // deleting changes the tables
-    clear_tables();
     put_disk(2, "sdb", "SERIAL-B");
     UsbPhysicalInfo& e = usb_physical_info[2];
     e.tr140_db_address = 7;
@@ -103,10 +89,8 @@ TEST(DeviceTables, DeletedDiskSlotIsFreeButKeepsItsModelAddress) {
     EXPECT_EQ(db_util_get_usb_physical_info_free_item("sdd"), 2);
 }
 
-TEST(DeviceTables, DeletingUnknownDiskOrVolumeReturnsMinusOne) {
-    testing_support::Seams seams;
+TEST_F(DeviceTables, DeletingUnknownDiskOrVolumeReturnsMinusOne) {
     usbmgr::DaemonLock lock;  // deleting changes the tables
-    clear_tables();
     put_disk(0, "sda", "A");
     put_volume(0, "sda1");
     EXPECT_EQ(db_util_delete_usb_physical_info_item("sdb"), -1);
@@ -115,10 +99,8 @@ TEST(DeviceTables, DeletingUnknownDiskOrVolumeReturnsMinusOne) {
     EXPECT_STREQ(usb_volume_info[0].name, "sda1");
 }
 
-TEST(DeviceTables, DeletedVolumeSlotLosesItsModelAddressToo) {
-    testing_support::Seams seams;
+TEST_F(DeviceTables, DeletedVolumeSlotLosesItsModelAddressToo) {
     usbmgr::DaemonLock lock;  // deleting changes the tables
-    clear_tables();
     put_volume(5, "sdb2");
     usb_volume_info[5].tr140_db_address = 3;
     EXPECT_EQ(db_util_delete_usb_volume_info_item("sdb2"), 0);
@@ -127,26 +109,20 @@ TEST(DeviceTables, DeletedVolumeSlotLosesItsModelAddressToo) {
     EXPECT_STREQ(usb_volume_info[5].name, "");
 }
 
-TEST(DeviceTables, DiskSlotByDeviceFindsDiskNameButNotPartitionName) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, DiskSlotByDeviceFindsDiskNameButNotPartitionName) {
     put_disk(1, "sda", "A");
     EXPECT_EQ(db_util_get_usb_physical_info_index_by_device("sda1"), -1);
     EXPECT_EQ(db_util_get_usb_physical_info_index_by_device("sda"), 1);
 }
 
-TEST(DeviceTables, DiskSlotByDeviceCutsStoredNameToThreeCharacters) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, DiskSlotByDeviceCutsStoredNameToThreeCharacters) {
     put_disk(0, "sdb", "B");
     put_disk(3, "sdcd", "CD");
     EXPECT_EQ(db_util_get_usb_physical_info_index_by_device("sdc"), 3);
     EXPECT_EQ(db_util_get_usb_physical_info_index_by_device("sdcd"), -1);
 }
 
-TEST(DeviceTables, VolumeSlotByDeviceNeedsTheExactName) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, VolumeSlotByDeviceNeedsTheExactName) {
     put_volume(2, "sda1");
     put_volume(4, "sda11");
     EXPECT_EQ(db_util_get_usb_volume_info_index_by_device("sda11"), 4);
@@ -154,26 +130,20 @@ TEST(DeviceTables, VolumeSlotByDeviceNeedsTheExactName) {
     EXPECT_EQ(db_util_get_usb_volume_info_index_by_device("sda"), -1);
 }
 
-TEST(DeviceTables, ReferenceByEmptyNameIsIndexOfSlotZeroEvenWhenEmpty) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, ReferenceByEmptyNameIsIndexOfSlotZeroEvenWhenEmpty) {
     put_disk(3, "sdb", "B");
     usb_physical_info[0].index = 9;  // a free slot with a stale index
     EXPECT_EQ(db_util_get_usb_physical_reference_by_name(""), 9);
 }
 
-TEST(DeviceTables, ReferenceByNameIsTheIndexFieldOfTheFirstContainingSlot) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, ReferenceByNameIsTheIndexFieldOfTheFirstContainingSlot) {
     put_disk(2, "sdb", "B");
     usb_physical_info[2].index = 11;
     EXPECT_EQ(db_util_get_usb_physical_reference_by_name("db"), 11);
     EXPECT_EQ(db_util_get_usb_physical_reference_by_name("sdc"), -1);
 }
 
-TEST(DeviceTables, PrintingEmptyTablesLogsOnlyTheTwoHeaders) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, PrintingEmptyTablesLogsOnlyTheTwoHeaders) {
     db_util_print_usb_physical_info();
     EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"=========== usb_physical_info ================",
                                                             "=========== usb_volume_info ================"}));
@@ -183,9 +153,7 @@ TEST(DeviceTables, PrintingEmptyTablesLogsOnlyTheTwoHeaders) {
     }
 }
 
-TEST(DeviceTables, PrintingListsEveryFieldOfFilledSlotsOnly) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, PrintingListsEveryFieldOfFilledSlotsOnly) {
     put_disk(1, "sdb", "SN-B");
     UsbPhysicalInfo& e = usb_physical_info[1];
     e.tr140_db_address = 2;
@@ -216,9 +184,7 @@ TEST(DeviceTables, PrintingListsEveryFieldOfFilledSlotsOnly) {
                                  }));
 }
 
-TEST(DeviceTables, SearchesStopAtTheTableCapacity) {
-    testing_support::Seams seams;
-    clear_tables();
+TEST_F(DeviceTables, SearchesStopAtTheTableCapacity) {
     USB_PHYSICAL_INFO_MAX = 2;
     USB_VOLUME_INFO_MAX = 1;
     put_disk(0, "sda", "A");
@@ -228,5 +194,4 @@ TEST(DeviceTables, SearchesStopAtTheTableCapacity) {
     EXPECT_EQ(db_util_get_usb_physical_info_free_item("sdd"), -1);
     EXPECT_EQ(db_util_get_usb_physical_info_index_by_device("sdc"), -1);
     EXPECT_EQ(db_util_get_usb_volume_info_free_item("sdb1"), -1);
-    clear_tables();
 }

@@ -1,0 +1,57 @@
+#include "fixture.h"
+
+#include <cstring>
+
+#include "db_util/bus_handle.h"
+#include "db_util/db_util.h"
+#include "usbmgrd/usbmgrd.h"
+
+namespace testing_support {
+
+void reset_device_tables() {
+    std::memset(usb_physical_info, 0, sizeof usb_physical_info);
+    std::memset(usb_volume_info, 0, sizeof usb_volume_info);
+    USB_PHYSICAL_INFO_MAX = USB_TABLE_SIZE;
+    USB_VOLUME_INFO_MAX = USB_TABLE_SIZE;
+}
+
+void reset_ring() { std::memset(&usbmgr_evt_buffer, 0, sizeof usbmgr_evt_buffer); }
+
+void reset_deferred_state() {
+    usbmgr_evt_in_progress = 0;
+    usbmgr_reload_target = 0;
+}
+
+void reset_settings() {
+    std::memset(MOUNT_DISK_PATH, 0, sizeof MOUNT_DISK_PATH);
+    StorageServiceNumberOfEntries = 0;
+    NUMBER_OF_MAX_TR140_HISTORY_ITEM = 0;
+    AUTO_CREATE_USER_ACCESS_DATA = 0;
+    USB_SERIAL_ENABLE = 0;
+    std::memset(&MINIDLNA_CONF, 0, sizeof MINIDLNA_CONF);
+    std::memset(&SAMBA_CONF, 0, sizeof SAMBA_CONF);
+}
+
+void reset_daemon_state() {
+    std::memset(&usbmgr_iil_handle, 0, sizeof usbmgr_iil_handle);
+    usbmgr_daemon_signalled = 0;
+    usbmgr_daemon_ready = 0;
+    pollfds[0] = {-1, 0, 0};
+}
+
+void reset_storage_model() {}
+
+void reset_daemon_globals() {
+    reset_device_tables();
+    reset_ring();
+    reset_deferred_state();
+    reset_settings();
+    reset_daemon_state();
+    reset_storage_model();
+}
+
+DaemonTest::DaemonTest() { reset_daemon_globals(); }
+
+DaemonTest::~DaemonTest() { reset_daemon_globals(); }
+
+}  // namespace testing_support

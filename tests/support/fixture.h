@@ -1,0 +1,44 @@
+// The one fixture of the daemon's unit tests: every global back to its
+// load-time state before and after each test, the seams installed.
+#ifndef USBMGR_TEST_FIXTURE_H
+#define USBMGR_TEST_FIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include "fakes.h"
+#include "test_support.h"
+
+namespace testing_support {
+
+// Each part of the daemon's state on its own, so a test that sets up one
+// part by hand can reset just that part.
+void reset_device_tables();
+void reset_ring();
+void reset_deferred_state();
+void reset_settings();
+void reset_daemon_state();
+// The storage model has no state of its own yet; its records are cleared
+// here once it does.
+void reset_storage_model();
+
+// All of the above.
+void reset_daemon_globals();
+
+// Seams first (fake runner and clock, bus double cleared, private /tmp and
+// /var emptied), then every global reset; the globals are reset again when
+// the test ends, before the seams are taken down.
+class DaemonTest : public ::testing::Test {
+protected:
+    DaemonTest();
+    ~DaemonTest() override;
+
+    // Answers the mount checks from `mounts`.
+    void use_mount_table() { mounts.serve(seams.runner); }
+
+    Seams seams;
+    MountTable mounts;
+};
+
+}  // namespace testing_support
+
+#endif
