@@ -8,5 +8,3 @@ void app_util_minidlna_reload_conf(OrbIilHandle*) {}
 int app_util_start_samba() { return 0; }
 void app_util_stop_samba() {}
 void app_util_samba_reload_conf() {}
-void app_util_perpare_samba_user(OrbIilHandle*) {}
-int app_util_get_number_of_samba_users() { return 0; }

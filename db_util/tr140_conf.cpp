@@ -11,6 +11,7 @@
 #include <cstring>
 #include <memory>
 
+#include "app_util/app_util.h"
 #include "db_util/db_util.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
@@ -166,10 +167,12 @@ int find_in_record(const char* item, const char* serial, Take&& take) {
     return -1;
 }
 
-// The lines of one volume of a new record.
-void append_volume_lines(FILE* f, int device_id, int volume) {
+// The lines of one volume of a new record, with an entry for each of the
+// first accounts Samba accounts when user access is created automatically.
+void append_volume_lines(FILE* f, int device_id, int volume, int accounts) {
     append_line(f, "USBMGR.%d.NAME.%d=\n", device_id, volume);
     append_line(f, "USBMGR.%d.ENABLE.%d=%d\n", device_id, volume, 1);
+    if (AUTO_CREATE_USER_ACCESS_DATA != 0) db_util_tr140_conf_append_user_access(f, device_id, volume, accounts);
 }
 
 void append_record(const char* serial, int device_id, int volumes) {
@@ -182,7 +185,8 @@ void append_record(const char* serial, int device_id, int volumes) {
     // Without its key line the other lines would join the record before it.
     if (!append_line(f.get(), "USBMGR.%d.SERIAL_NUMBER=%s\n", device_id, serial)) return;
     append_line(f.get(), "USBMGR.%d.PNAME=\n", device_id);
-    for (int v = 0; v < volumes; ++v) append_volume_lines(f.get(), device_id, v);
+    const int accounts = AUTO_CREATE_USER_ACCESS_DATA != 0 ? app_util_get_number_of_samba_users() : 0;
+    for (int v = 0; v < volumes; ++v) append_volume_lines(f.get(), device_id, v, accounts);
 }
 
 }  // namespace
