@@ -127,8 +127,7 @@ CommandRunner& runner() { return *g_runner; }
 
 void set_runner(CommandRunner* r) { g_runner = r ? r : &g_system_runner; }
 
-bool run_logged(const CommandLine& cmd, const char* module, std::source_location where) {
-    const int line = static_cast<int>(where.line());
+bool run_logged(const CommandLine& cmd, const char* module, int line) {
     if (!cmd.valid) {
         char shown[160];
         OrbIilTrace(USBMGR_LOG_ERROR, module, line, "refusing command line '%s'", clean_copy(shown, cmd.text.c_str()));

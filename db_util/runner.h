@@ -10,7 +10,6 @@
 #include <cstddef>
 #include <cstdio>
 #include <functional>
-#include <source_location>
 #include <string>
 #include <string_view>
 #include <type_traits>
@@ -102,8 +101,8 @@ void set_runner(CommandRunner* r);  // nullptr restores the system runner
 // hangs still shows its line. A command line refused when it was composed
 // does not run and is logged (ERROR) as "refusing command line '%s'". True
 // when the command started.
-bool run_logged(const CommandLine& cmd, const char* module,
-                std::source_location where = std::source_location::current());
+// line is the caller's source line (clang 14 has no std::source_location).
+bool run_logged(const CommandLine& cmd, const char* module, int line = __builtin_LINE());
 
 // Splits output the way repeated fgets(buf, size) calls see it: pieces of at
 // most size - 1 characters, each ending at a newline where one comes first.

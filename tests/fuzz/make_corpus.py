@@ -1,0 +1,212 @@
+#!/usr/bin/env python3
+"""Writes the seed corpora of the fuzz targets into tests/fuzz/corpus/.
+
+The seeds are the unit tests' inputs and the inputs that once showed real
+defects, in each target's input layout (see the comment at the top of each
+target). Run it again after changing a layout; libFuzzer adds its own finds
+to the same folders when a run is given them.
+"""
+import os
+import struct
+import sys
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+CORPUS = os.path.join(HERE, "corpus")
+
+
+def u16(n):
+    return struct.pack("<H", n)
+
+
+def i32(n):
+    return struct.pack("<i", n)
+
+
+def text8(b):
+    assert len(b) < 0xF0
+    return bytes([len(b)]) + b
+
+
+def text16(b):
+    return u16(len(b)) + b
+
+
+def record(attach, serial=b"SN0001", manufacturer=b"Vendor", product=b"Disk", version=b"2.00",
+           release=256, index=1, arrived=1):
+    """The 282-byte hot-plug device record."""
+    rec = struct.pack("<BBHHBBB64s7si64s64s64sbbbBBB", index, arrived, 0x1234, 0x0781, 8, 6, 0x50,
+                      attach, version, release, manufacturer, product, serial, 0, 1, 1, 1, 1, 1)
+    assert len(rec) == 282
+    return rec
+
+
+def write(target, name, data):
+    folder = os.path.join(CORPUS, target)
+    os.makedirs(folder, exist_ok=True)
+    with open(os.path.join(folder, name), "wb") as f:
+        f.write(data)
+
+
+def factory_settings():
+    with open(os.path.join(HERE, "..", "..", "etc", "usbmgr.conf"), "rb") as f:
+        return f.read()
+
+
+HISTORY_TWO = (b"USBMGR.0.SERIAL_NUMBER=S\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=\nUSBMGR.0.ENABLE.0=1\n"
+               b"USBMGR.0.NAME.1=\nUSBMGR.0.ENABLE.1=1\n"
+               b"USBMGR.1.SERIAL_NUMBER=T\nUSBMGR.1.PNAME=Backup\nUSBMGR.1.NAME.0=Photos\nUSBMGR.1.ENABLE.0=0\n")
+HISTORY_NO_NEWLINE = b"USBMGR.0.SERIAL_NUMBER=S\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=\nUSBMGR.0.ENABLE.0=1"
+HISTORY_NUL = b"USBMGR.0.SERIAL_NUMBER=S\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=ab\x00cd\nUSBMGR.0.ENABLE.0=1\n"
+HISTORY_EXTREME_IDS = (b"USBMGR.-2147483648.SERIAL_NUMBER=LOW\nUSBMGR.-2147483648.PNAME=\n"
+                       b"USBMGR.2147483647.SERIAL_NUMBER=HIGH\nUSBMGR.2147483647.PNAME=\n")
+HISTORY_USER_ACCESS = (b"USBMGR.0.SERIAL_NUMBER=S\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=\nUSBMGR.0.ENABLE.0=1\n"
+                       b"USBMGR.0.USER_ACCESS.0.USERREFERENCE.1=StorageService.0.UserAccess.3\n"
+                       b"USBMGR.0.USER_ACCESS.0.PERMISSIONS.1=2\n")
+LONG_LINE = b"USBMGR.0.PNAME=" + b"x" * 300 + b"=tail\n"
+
+
+def config_file():
+    t = "fuzz_config_file"
+    write(t, "factory_settings", factory_settings())
+    write(t, "history_two_records", HISTORY_TWO)
+    write(t, "empty_value_first_line", b"USBMGR.MOUNT_DISK_PATH=\nUSBMGR.NUMBER_OF_HISTORY=\n")
+    write(t, "number_then_letters", b"USBMGR.NUMBER_OF_HISTORY=12abc\n")
+    write(t, "key_twice", b"USBMGR.SAMBA.USER_NAME.1=a\nUSBMGR.SAMBA.USER_NAME.10=b\nUSBMGR.SAMBA.USER_NAME.1=c\n")
+    write(t, "line_of_300", LONG_LINE)
+    write(t, "value_over_127", b"USBMGR.MINIDLNA.SERIAL=" + b"v" * 200 + b"\n")
+    write(t, "blank_around_equals", b"USBMGR.MINIDLNA.PORT = 8200\n")
+    write(t, "no_equals", b"USBMGR.MINIDLNA.PORT\nUSBMGR.MINIDLNA.PORT=1\n")
+    write(t, "last_line_without_newline", HISTORY_NO_NEWLINE)
+    write(t, "line_with_nul", HISTORY_NUL)
+    write(t, "extreme_ids", HISTORY_EXTREME_IDS)
+    write(t, "huge_number", b"USBMGR.NUMBER_OF_HISTORY=99999999999999999999\nUSBMGR.X=-99999999999999999999\n")
+
+
+def settings_input(content, changes=b""):
+    return text16(content) + changes
+
+
+def settings():
+    t = "fuzz_settings"
+    factory = factory_settings()
+    write(t, "factory", settings_input(factory))
+    write(t, "empty_file", settings_input(b""))
+    write(t, "without_max_log_size",
+          settings_input(b"".join(l + b"\n" for l in factory.split(b"\n") if l and b"MAX_LOG_SIZE" not in l)))
+    write(t, "without_history_count",
+          settings_input(b"".join(l + b"\n" for l in factory.split(b"\n") if l and b"NUMBER_OF_HISTORY" not in l)))
+    write(t, "with_accounts", settings_input(
+        factory + b"USBMGR.SAMBA.USER_NAME.0=root\nUSBMGR.SAMBA.USER_PASSWORD.0=x\nUSBMGR.SAMBA.USER_ENABLE.0=1\n"
+        b"USBMGR.SAMBA.USER_NAME.3=alice\nUSBMGR.SAMBA.USER_NAME.24=bob\nUSBMGR.SAMBA.USER_NAME.25=carol\n"))
+    write(t, "value_too_long_for_field",
+          settings_input(factory.replace(b"MINIDLNA.PORT=8200", b"MINIDLNA.PORT=" + b"8" * 40)))
+    # A value holding a newline, as a set command may leave it in a record
+    # (field 8: the MiniDLNA friendly name).
+    write(t, "value_with_newline", settings_input(factory, bytes([8]) + text8(b"name\nUSBMGR.EVIL=1")))
+    write(t, "numbers_changed", settings_input(factory, bytes([32]) + i32(-1) + bytes([35]) + i32(2147483647)))
+
+
+def history_input(capacity, flags, content, ops):
+    return bytes([(capacity + 1) % 18, flags]) + text16(content) + ops
+
+
+def serial_of(n):
+    return bytes([0xF0 + n])
+
+
+def history():
+    t = "fuzz_history"
+    rec_s2 = bytes([0]) + text8(b"S") + bytes([2])
+    write(t, "first_disk", history_input(10, 2, b"", rec_s2))
+    write(t, "same_disk_again", history_input(10, 0, HISTORY_TWO, rec_s2))
+    write(t, "disk_returns_with_three", history_input(10, 0, HISTORY_TWO, bytes([0]) + serial_of(0) + bytes([3])))
+    write(t, "capacity_reached", history_input(2, 0, HISTORY_TWO, bytes([0]) + text8(b"NEW") + bytes([1])))
+    write(t, "set_names", history_input(10, 0, HISTORY_TWO,
+                                        bytes([1]) + serial_of(1) + text8(b"sda1") + bytes([0]) + text8(b"Music") +
+                                        bytes([2]) + serial_of(0) + text8(b"My disk") +
+                                        bytes([6]) + text8(b"sda1") + serial_of(1) +
+                                        bytes([7]) + serial_of(0) + bytes([8]) + text8(b"sda1") + serial_of(1)))
+    write(t, "delete_and_find", history_input(10, 0, HISTORY_TWO,
+                                              bytes([3]) + i32(0) + bytes([4]) + text8(b"T") + bytes([5]) +
+                                              text8(b"T") + bytes([9]) + i32(1) + bytes([10])))
+    write(t, "last_line_without_newline", history_input(10, 0, HISTORY_NO_NEWLINE,
+                                                        bytes([0]) + text8(b"NEXT") + bytes([1]) +
+                                                        bytes([2]) + serial_of(0) + text8(b"x")))
+    write(t, "line_with_nul", history_input(10, 0, HISTORY_NUL,
+                                            bytes([2]) + serial_of(0) + text8(b"renamed") +
+                                            bytes([0]) + text8(b"NEXT") + bytes([1])))
+    write(t, "extreme_ids", history_input(10, 0, HISTORY_EXTREME_IDS,
+                                          bytes([5]) + text8(b"NONE") + bytes([0]) + text8(b"NEXT") + bytes([1])))
+    write(t, "ids_near_both_ends", history_input(
+        10, 0, b"USBMGR.-2147483647.SERIAL_NUMBER=LOW\nUSBMGR.2147483647.SERIAL_NUMBER=HIGH\n",
+        bytes([5]) + text8(b"NONE")))
+    write(t, "name_with_newline", history_input(10, 0, HISTORY_TWO,
+                                                bytes([2]) + serial_of(0) + text8(b"a\nUSBMGR.9.PNAME=b")))
+    write(t, "line_of_300", history_input(10, 0, b"USBMGR.0.SERIAL_NUMBER=S\n" + LONG_LINE,
+                                          bytes([2]) + serial_of(0) + text8(b"short")))
+    write(t, "user_access_lines", history_input(10, 1, HISTORY_USER_ACCESS,
+                                                bytes([0]) + text8(b"NEW") + bytes([2])))
+
+
+def event(row, payload):
+    return bytes([row]) + text16(payload)
+
+
+def hotplug():
+    t = "fuzz_hotplug"
+    cap10 = bytes([10])
+    arrive = lambda attach, serial=b"SN0001": event(0, record(attach, serial))
+    leave = lambda attach, serial=b"SN0001": event(2, record(attach, serial, arrived=0))
+    write(t, "arrive_leave_arrive", cap10 + arrive(b"sda,sda1,sda2") + leave(b"sda,sda1,sda2") +
+          bytes([4]) + bytes([7]))
+    write(t, "disk_without_partitions", cap10 + arrive(b"sdb") + leave(b"sdb"))
+    write(t, "partition_ten_before_one", cap10 + arrive(b"sda,sda10,sda1") + leave(b"sda,sda10,sda1"))
+    write(t, "partition_one_before_ten", cap10 + arrive(b"sda,sda1,sda10") + leave(b"sda,sda1,sda10"))
+    write(t, "partition_named_like_a_disk", cap10 + arrive(b"sda,sda1") + arrive(b"sdb,sd", b"SN0002") +
+          leave(b"sdb,sd", b"SN0002"))
+    write(t, "huge_partition_number", cap10 + arrive(b"sdz,sdz2147483647") + leave(b"sdz,sdz2147483647"))
+    write(t, "upper_case_disk", cap10 + arrive(b"sdA") + leave(b"sdA"))
+    write(t, "digit_disk", cap10 + arrive(b"sd1") + leave(b"sd1"))
+    write(t, "busy_disk", cap10 + arrive(b"sda,sda1") + bytes([5]) + text16(b"\x03\x00\x03\x00\x03\x00") +
+          leave(b"sda,sda1"))
+    write(t, "ntfs_disk", cap10 + bytes([5]) + text16(b"\x00\x00\x01") + arrive(b"sdb,sdb1") + bytes([7]))
+    write(t, "short_record", cap10 + event(0, record(b"sda,sda1")[:200]))
+    write(t, "long_record", cap10 + event(0, record(b"sda,sda1") + b"\x00" * 40))
+    write(t, "serial_with_newline", cap10 + arrive(b"sda,sda1", b"AB\nUSBMGR.9.PNAME=x"))
+    write(t, "serial_adapter", cap10 + event(1, record(b"ttyUSB0")) + event(3, record(b"ttyUSB0")))
+    write(t, "unknown_removal", cap10 + leave(b"sdc,sdc1"))
+    write(t, "port_line_cut_at_19", cap10 + bytes([6]) + text8(b"sda,sda1,sda2,sda3,\r\n"))
+    write(t, "port_line_serial", cap10 + bytes([6]) + text8(b"ttyUSB0\r\n"))
+    write(t, "long_mount_root", bytes([10 | 0x40]) + arrive(b"sda,sda1") + leave(b"sda,sda1"))
+    write(t, "mount_root_with_blank", bytes([10 | 0x60]) + arrive(b"sda,sda1") + leave(b"sda,sda1"))
+    write(t, "history_full", bytes([2]) + arrive(b"sda,sda1", b"A") + arrive(b"sdb,sdb1", b"B") +
+          arrive(b"sdc,sdc1", b"C"))
+
+
+def dispatch():
+    t = "fuzz_dispatch"
+
+    def cmd(cid, payload=b""):
+        return bytes([cid]) + text16(payload)
+
+    write(t, "number_of_services", bytes([0]) + cmd(14))
+    write(t, "every_command_empty", bytes([7]) + b"".join(cmd(i) for i in range(2, 18)))
+    write(t, "every_command_empty_2", bytes([7]) + b"".join(cmd(i) for i in range(18, 37)))
+    write(t, "unknown_and_too_long", bytes([1]) + cmd(13, b"\x00" * 4) + cmd(99) + cmd(14, b"\x00" * 5))
+    write(t, "set_minidlna_name", bytes([0]) + cmd(5, b"FRIENDLY_NAME".ljust(64, b"\x00") + b"box\nX=1"))
+    write(t, "set_samba_value", bytes([2]) + cmd(6, b"WORKGROUP".ljust(64, b"\x00") + b"HOME".ljust(128, b"\x00")))
+    write(t, "serial_enable", bytes([0]) + cmd(7, i32(1) + i32(0)) + cmd(4))
+    write(t, "samba_users", bytes([2]) + cmd(8) + cmd(9, i32(3)) +
+          cmd(10, b"bob".ljust(64, b"\x00") + b"pw".ljust(64, b"\x00") + i32(1)))
+    write(t, "storage_reads", bytes([5]) + b"".join(cmd(i, i32(0) + i32(0) + i32(0)) for i in range(15, 24)))
+    write(t, "storage_writes", bytes([5]) + b"".join(cmd(i, i32(0) + i32(0) + b"name") for i in range(24, 37)))
+
+
+def main():
+    for f in (config_file, settings, history, hotplug, dispatch):
+        f()
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
