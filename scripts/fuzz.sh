@@ -16,7 +16,7 @@ if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
     seconds=$1
     shift
 fi
-all=(fuzz_config_file fuzz_settings fuzz_history fuzz_hotplug fuzz_dispatch)
+all=(fuzz_config_file fuzz_settings fuzz_history fuzz_hotplug fuzz_dispatch fuzz_samba_users fuzz_user_access)
 targets=("$@")
 [[ ${#targets[@]} -gt 0 ]] || targets=("${all[@]}")
 for t in "${targets[@]}"; do

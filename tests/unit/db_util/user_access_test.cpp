@@ -6,6 +6,7 @@
 
 #include "db_util/db_util.h"
 #include "platform_fake.h"
+#include "fixture.h"
 #include "test_support.h"
 
 namespace {
@@ -61,32 +62,31 @@ Lines record_with_entries_zero_and_two() {
 
 }  // namespace
 
+class UserAccess : public testing_support::DaemonTest {};
+class UserAccessAutoCreate : public testing_support::DaemonTest {};
+
 // ---------------------------------------------------------------------------
 // Reading entries
 
-TEST(UserAccess, EntriesZeroAndTwoCountTwo) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, EntriesZeroAndTwoCountTwo) {
     write_history(record_with_entries_zero_and_two());
     EXPECT_EQ(db_util_get_number_of_user_access(0, "sda1"), 2);
     EXPECT_EQ(db_util_get_number_of_user_access(0, "sda2"), 0);
     EXPECT_EQ(db_util_get_number_of_user_access(1, "sda1"), 0);
 }
 
-TEST(UserAccess, EntriesZeroAndTwoLeaveEntryOneFree) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, EntriesZeroAndTwoLeaveEntryOneFree) {
     write_history(record_with_entries_zero_and_two());
     EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda1"), 1);
     EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda2"), 0);
 }
 
-TEST(UserAccess, NoHistoryFileCountsNoneAndOffersEntryZero) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, NoHistoryFileCountsNoneAndOffersEntryZero) {
     EXPECT_EQ(db_util_get_number_of_user_access(0, "sda1"), 0);
     EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda1"), 0);
 }
 
-TEST(UserAccess, AllTwentySixEntriesUsedLeaveNoFreeEntry) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AllTwentySixEntriesUsedLeaveNoFreeEntry) {
     Lines lines = {"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"};
     for (int e = 0; e < 26; ++e) {
         lines.push_back(ref_line(0, 0, e, e % 25));
@@ -98,8 +98,7 @@ TEST(UserAccess, AllTwentySixEntriesUsedLeaveNoFreeEntry) {
     EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda1"), -1);
 }
 
-TEST(UserAccess, ReadingAnEntryFillsReferenceAndPermissionsAndLeavesTheLeadingField) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, ReadingAnEntryFillsReferenceAndPermissionsAndLeavesTheLeadingField) {
     write_history(record_with_entries_zero_and_two());
     UserAccessInfo info{};
     info.index = 42;
@@ -109,8 +108,7 @@ TEST(UserAccess, ReadingAnEntryFillsReferenceAndPermissionsAndLeavesTheLeadingFi
     EXPECT_EQ(info.permissions, 7);
 }
 
-TEST(UserAccess, ReadingAnAbsentEntryLeavesTheRecordAlone) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, ReadingAnAbsentEntryLeavesTheRecordAlone) {
     write_history(record_with_entries_zero_and_two());
     UserAccessInfo info{};
     std::strcpy(info.user_reference, "untouched");
@@ -120,8 +118,7 @@ TEST(UserAccess, ReadingAnAbsentEntryLeavesTheRecordAlone) {
     EXPECT_EQ(info.permissions, 9);
 }
 
-TEST(UserAccess, AutomaticallyCreatedEntriesReadBackWithPermissionsMinusOne) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AutomaticallyCreatedEntriesReadBackWithPermissionsMinusOne) {
     write_history({"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1",
                    "USBMGR.0.USER_ACCESS.0.USERREFERENCE.0=StorageService.0.UserAccess.0",
                    "USBMGR.0.USER_ACCESS.0.PERMISSIONS.0="});
@@ -131,8 +128,7 @@ TEST(UserAccess, AutomaticallyCreatedEntriesReadBackWithPermissionsMinusOne) {
     EXPECT_EQ(info.permissions, -1);
 }
 
-TEST(UserAccess, VolumeNamesOutsideVolumesZeroToTwentyFourAreAnsweredWithoutReading) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, VolumeNamesOutsideVolumesZeroToTwentyFourAreAnsweredWithoutReading) {
     write_history({"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.ENABLE.-1=1", ref_line(0, -1, 0, 1),
                    "USBMGR.0.ENABLE.25=1", ref_line(0, 25, 0, 1)});
     UserAccessInfo info{};
@@ -151,16 +147,14 @@ TEST(UserAccess, VolumeNamesOutsideVolumesZeroToTwentyFourAreAnsweredWithoutRead
 // ---------------------------------------------------------------------------
 // Account numbers
 
-TEST(UserAccess, AccountNumberIsTheFirstSlotWithThatName) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AccountNumberIsTheFirstSlotWithThatName) {
     write_accounts({{0, "alice"}, {3, "bob"}, {7, "bob"}});
     EXPECT_EQ(dp_util_get_samba_user_index("bob"), 3);
     EXPECT_EQ(dp_util_get_samba_user_index("alice"), 0);
     EXPECT_EQ(dp_util_get_samba_user_index("Bob"), -1);
 }
 
-TEST(UserAccess, UnknownUserIsAccountZeroWhenSlotTwentyFourIsInUse) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, UnknownUserIsAccountZeroWhenSlotTwentyFourIsInUse) {
     write_accounts({{3, "bob"}, {24, "zed"}});
     EXPECT_EQ(dp_util_get_samba_user_index("nobody"), 0);
 }
@@ -168,8 +162,7 @@ TEST(UserAccess, UnknownUserIsAccountZeroWhenSlotTwentyFourIsInUse) {
 // ---------------------------------------------------------------------------
 // Adding entries
 
-TEST(UserAccess, AddingForAccountThreeInsertsBothLinesRightAfterTheVolumesEnableLine) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AddingForAccountThreeInsertsBothLinesRightAfterTheVolumesEnableLine) {
     write_accounts({{0, "alice"}, {3, "dave"}});
     write_history({"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1",
                    ref_line(0, 0, 0, 0), perm_line(0, 0, 0, "1"), "USBMGR.0.NAME.1=", "USBMGR.0.ENABLE.1=1"});
@@ -183,8 +176,7 @@ TEST(UserAccess, AddingForAccountThreeInsertsBothLinesRightAfterTheVolumesEnable
     EXPECT_TRUE(fake::logged("run command : " + kMv));
 }
 
-TEST(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsFreeLeavesTheFileUntouched) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsFreeLeavesTheFileUntouched) {
     write_accounts({{3, "dave"}});
     write_history(record_with_entries_zero_and_two());
     const std::string before = testing_support::read_file(TR140_CONF_PATH);
@@ -193,8 +185,7 @@ TEST(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsFreeLeavesTheFileUnt
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsInUseAddsForAccountZero) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsInUseAddsForAccountZero) {
     write_accounts({{3, "dave"}, {24, "zed"}});
     write_history({"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"});
     EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 0, "nobody", 4), 0);
@@ -202,8 +193,7 @@ TEST(UserAccess, AddingForAnUnknownUserWhileSlotTwentyFourIsInUseAddsForAccountZ
                                 ref_line(0, 0, 0, 0), perm_line(0, 0, 0, "4")}));
 }
 
-TEST(UserAccess, AddingToAVolumeWithoutEnableLineRewritesTheFileUnchangedAndAnswersMinusOne) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AddingToAVolumeWithoutEnableLineRewritesTheFileUnchangedAndAnswersMinusOne) {
     write_accounts({{3, "dave"}});
     write_history(record_with_entries_zero_and_two());
     const std::string before = testing_support::read_file(TR140_CONF_PATH);
@@ -212,8 +202,7 @@ TEST(UserAccess, AddingToAVolumeWithoutEnableLineRewritesTheFileUnchangedAndAnsw
     EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
 }
 
-TEST(UserAccess, AddingWithoutHistoryFileAnswersMinusOneAndCreatesNothing) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AddingWithoutHistoryFileAnswersMinusOneAndCreatesNothing) {
     write_accounts({{3, "dave"}});
     EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 0, "dave", 2), -1);
     EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
@@ -221,8 +210,7 @@ TEST(UserAccess, AddingWithoutHistoryFileAnswersMinusOneAndCreatesNothing) {
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(UserAccess, AddingOutOfRangeWritesNothing) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AddingOutOfRangeWritesNothing) {
     write_accounts({{3, "dave"}});
     write_history(record_with_entries_zero_and_two());
     const std::string before = testing_support::read_file(TR140_CONF_PATH);
@@ -236,8 +224,7 @@ TEST(UserAccess, AddingOutOfRangeWritesNothing) {
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(UserAccess, AddingAfterACutLastLineStartsTheEntryOnALineOfItsOwn) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, AddingAfterACutLastLineStartsTheEntryOnALineOfItsOwn) {
     write_accounts({{3, "dave"}});
     testing_support::write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=S\nUSBMGR.0.ENABLE.0=1");
     EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 0, "dave", 2), 0);
@@ -248,8 +235,7 @@ TEST(UserAccess, AddingAfterACutLastLineStartsTheEntryOnALineOfItsOwn) {
 // ---------------------------------------------------------------------------
 // Removing entries
 
-TEST(UserAccess, RemovingAnEntryDropsItsTwoLinesAndKeepsTheOthersNumbers) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, RemovingAnEntryDropsItsTwoLinesAndKeepsTheOthersNumbers) {
     write_history(record_with_entries_zero_and_two());
     EXPECT_EQ(dp_util_get_tr140_remove_useraccess(0, "sda1", 2), 0);
     EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=",
@@ -258,8 +244,7 @@ TEST(UserAccess, RemovingAnEntryDropsItsTwoLinesAndKeepsTheOthersNumbers) {
     EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
 }
 
-TEST(UserAccess, RemovingAnAbsentEntryLeavesTheFileAlone) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, RemovingAnAbsentEntryLeavesTheFileAlone) {
     write_history(record_with_entries_zero_and_two());
     const std::string before = testing_support::read_file(TR140_CONF_PATH);
     EXPECT_EQ(dp_util_get_tr140_remove_useraccess(0, "sda1", 1), -1);
@@ -269,8 +254,7 @@ TEST(UserAccess, RemovingAnAbsentEntryLeavesTheFileAlone) {
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
-TEST(UserAccess, RemovingAccountTwoByNameAlsoRemovesAccountsTwentyToTwentyFourButNotTwelve) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, RemovingAccountTwoByNameAlsoRemovesAccountsTwentyToTwentyFourButNotTwelve) {
     write_accounts({{2, "carol"}, {12, "lena"}, {20, "tom"}});
     Lines lines = {"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"};
     int e = 0;
@@ -291,8 +275,7 @@ TEST(UserAccess, RemovingAccountTwoByNameAlsoRemovesAccountsTwentyToTwentyFourBu
     EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
 }
 
-TEST(UserAccess, RemovingByNameKeepsAPermissionLineThatDoesNotFollowItsReference) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, RemovingByNameKeepsAPermissionLineThatDoesNotFollowItsReference) {
     write_accounts({{2, "carol"}});
     write_history({"USBMGR.0.ENABLE.0=1", ref_line(0, 0, 0, 2), ref_line(0, 0, 1, 5), perm_line(0, 0, 0, "1"),
                    perm_line(0, 0, 1, "1")});
@@ -301,8 +284,7 @@ TEST(UserAccess, RemovingByNameKeepsAPermissionLineThatDoesNotFollowItsReference
                                 perm_line(0, 0, 1, "1")}));
 }
 
-TEST(UserAccess, RemovingByNameWithoutHistoryFileChangesNothing) {
-    testing_support::Seams seams;
+TEST_F(UserAccess, RemovingByNameWithoutHistoryFileChangesNothing) {
     write_accounts({{2, "carol"}});
     EXPECT_EQ(dp_util_get_tr140_remove_useraccess_by_username("carol"), -1);
     EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
@@ -312,8 +294,7 @@ TEST(UserAccess, RemovingByNameWithoutHistoryFileChangesNothing) {
 // ---------------------------------------------------------------------------
 // Entries created with a new disk
 
-TEST(UserAccessAutoCreate, NewDiskGetsAnEntryPerAccountAfterEachEnableLineWithEmptyPermissions) {
-    testing_support::Seams seams;
+TEST_F(UserAccessAutoCreate, NewDiskGetsAnEntryPerAccountAfterEachEnableLineWithEmptyPermissions) {
     NUMBER_OF_MAX_TR140_HISTORY_ITEM = 5;
     AUTO_CREATE_USER_ACCESS_DATA = 1;
     write_accounts({{0, "alice"}, {1, "bob"}});
@@ -335,8 +316,7 @@ TEST(UserAccessAutoCreate, NewDiskGetsAnEntryPerAccountAfterEachEnableLineWithEm
     EXPECT_EQ(info.permissions, -1);
 }
 
-TEST(UserAccessAutoCreate, NewDiskGetsNoEntriesWhenAutomaticCreationIsOff) {
-    testing_support::Seams seams;
+TEST_F(UserAccessAutoCreate, NewDiskGetsNoEntriesWhenAutomaticCreationIsOff) {
     NUMBER_OF_MAX_TR140_HISTORY_ITEM = 5;
     AUTO_CREATE_USER_ACCESS_DATA = 0;
     write_accounts({{0, "alice"}});
@@ -345,8 +325,7 @@ TEST(UserAccessAutoCreate, NewDiskGetsNoEntriesWhenAutomaticCreationIsOff) {
               (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"}));
 }
 
-TEST(UserAccessAutoCreate, NewDiskGetsNoEntriesWhenThereAreNoAccounts) {
-    testing_support::Seams seams;
+TEST_F(UserAccessAutoCreate, NewDiskGetsNoEntriesWhenThereAreNoAccounts) {
     NUMBER_OF_MAX_TR140_HISTORY_ITEM = 5;
     AUTO_CREATE_USER_ACCESS_DATA = 1;
     write_accounts({});
