@@ -268,52 +268,6 @@ int dp_util_get_samba_user_index(const char* user);
 // account n, n from 0 to accounts - 1, with empty permissions.
 void db_util_tr140_conf_append_user_access(FILE* f, int device_id, int volume, int accounts);
 
-// One piece of the history file as the line filter reads it (as a read into
-// 256 characters sees it: up to and with its newline, at most 255 bytes),
-// with its key, value and key parts. raw holds the bytes exactly as read,
-// NULs included; key and value end at the first NUL, as a scan would.
-struct Tr140FilterLine {
-    const char* raw;
-    std::size_t raw_len;
-    char key[DB_UTIL_KEY_SIZE];
-    char value[DB_UTIL_VALUE_SIZE];
-    Tr140ConfKey parts;
-};
-
-// What stands in the new file in place of one line: the line itself (keep),
-// composed lines, both (a line inserted after it), or nothing (dropped).
-class Tr140FilterOut {
-public:
-    explicit Tr140FilterOut(FILE* f) : f_(f) {}
-    // Copies the line byte for byte.
-    void keep(const Tr140FilterLine& line);
-    // Writes one line composed within 128 characters, starting it on a fresh
-    // line; false (and nothing written) when it would not fit.
-    bool line(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
-
-private:
-    FILE* f_;
-    bool at_line_start_ = true;
-};
-
-using Tr140LineFilter = void (*)(const Tr140FilterLine& line, Tr140FilterOut& out, void* context);
-
-// Streams the history file through the temporary file, letting filter decide
-// for every line, then removes the old file and moves the temporary one into
-// place: 0, or -1 when either file could not be opened (nothing changed).
-int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context);
-
-// The same with any callable taking (const Tr140FilterLine&, Tr140FilterOut&).
-template <typename Filter>
-int db_util_tr140_conf_filter_lines(Filter&& filter) {
-    using F = std::remove_reference_t<Filter>;
-    return db_util_tr140_conf_filter_lines(
-        [](const Tr140FilterLine& line, Tr140FilterOut& out, void* context) {
-            (*static_cast<F*>(context))(line, out);
-        },
-        const_cast<void*>(static_cast<const void*>(&filter)));
-}
-
 // Hands the settings and history files to the configuration manager.
 void usbmgr_cfg_save();
 

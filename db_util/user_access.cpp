@@ -25,10 +25,6 @@ constexpr std::size_t kAccountNameSize = 64;
 // "UserAccess.%d" of the remove-by-name filter.
 constexpr std::size_t kReferenceTextSize = 15;
 
-using File = usbmgr::FilePtr;
-
-File open_file(const char* path, const char* mode) { return File(std::fopen(path, mode)); }
-
 // Volume number of a volume name when it is one a disk can have (0 to 24).
 bool volume_of(const char* volume, int* k) {
     if (volume == nullptr) return false;
@@ -63,29 +59,6 @@ bool entry_present(int d, int k, int e) {
 
 bool is_text(const char (&field)[20], const char* text) { return std::strncmp(field, text, sizeof field) == 0; }
 
-// Splits a piece into key and value and the key into its parts.
-void parse_line(const char* line, Tr140FilterLine& out) {
-    db_util_split_line(line, out.key, out.value);
-    char key[DB_UTIL_KEY_SIZE];
-    usbmgr::copy_str(key, out.key);
-    db_util_tr140_conf_split_key(key, &out.parts);
-}
-
-// Reads one piece as fgets into 256 characters would (up to and with the
-// newline, at most 255 bytes) and returns its length, 0 at the end. The
-// length lets a kept piece be copied whole even when it holds a NUL.
-std::size_t read_piece(FILE* f, char (&buf)[DB_UTIL_LINE_SIZE]) {
-    std::size_t n = 0;
-    while (n < sizeof buf - 1) {
-        const int c = getc_unlocked(f);
-        if (c == EOF) break;
-        buf[n++] = static_cast<char>(c);
-        if (c == '\n') break;
-    }
-    buf[n] = '\0';
-    return n;
-}
-
 __attribute__((format(printf, 2, 3))) bool append_line(FILE* f, const char* fmt, ...) {
     char line[kOutLineSize] = {};
     va_list ap;
@@ -97,47 +70,6 @@ __attribute__((format(printf, 2, 3))) bool append_line(FILE* f, const char* fmt,
 }
 
 }  // namespace
-
-void Tr140FilterOut::keep(const Tr140FilterLine& line) {
-    if (line.raw_len == 0) return;
-    std::fwrite(line.raw, 1, line.raw_len, f_);
-    at_line_start_ = line.raw[line.raw_len - 1] == '\n';
-}
-
-bool Tr140FilterOut::line(const char* fmt, ...) {
-    char text[kOutLineSize] = {};
-    va_list ap;
-    va_start(ap, fmt);
-    const int n = std::vsnprintf(text, sizeof text, fmt, ap);
-    va_end(ap);
-    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof text) return false;
-    // A kept line without its newline (the file's cut last line) must not
-    // swallow the line written after it.
-    if (!at_line_start_) std::fputc('\n', f_);
-    std::fwrite(text, 1, static_cast<std::size_t>(n), f_);
-    at_line_start_ = text[n - 1] == '\n';
-    return true;
-}
-
-int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context) {
-    if (filter == nullptr) return -1;
-    File in = open_file(TR140_CONF_PATH, "re");
-    if (!in) return -1;
-    File out = open_file(TR140_TEMP_PATH, "we");
-    if (!out) return -1;
-    Tr140FilterOut writer(out.get());
-    char line[DB_UTIL_LINE_SIZE];
-    while (std::size_t len = read_piece(in.get(), line)) {
-        Tr140FilterLine parsed{line, len, {}, {}, {}};
-        parse_line(line, parsed);
-        filter(parsed, writer, context);
-    }
-    in.reset();
-    out.reset();
-    std::remove(TR140_CONF_PATH);
-    db_util_exe_command(usbmgr::CommandLine::exec({"mv", TR140_TEMP_PATH, TR140_CONF_PATH}));
-    return 0;
-}
 
 int db_util_get_number_of_user_access(int device_id, const char* volume) {
     int k = 0;
