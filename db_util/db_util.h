@@ -9,6 +9,8 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
+#include <type_traits>
 
 #include "proto/payload.h"  // MiniDlnaConf, SambaConf
 
@@ -151,6 +153,52 @@ int db_util_tr140_conf_find_sn(const char* serial);
 int db_util_tr140_conf_count_volumes(int device_id);
 // Drops every line of device id; always -1.
 int db_util_tr140_conf_delete_device(int device_id);
+
+// One piece of the history file as the line filter reads it (as a read into
+// 256 characters sees it: up to and with its newline, at most 255 bytes),
+// with its key, value and key parts. raw holds the bytes exactly as read,
+// NULs included; key and value end at the first NUL, as a scan would.
+struct Tr140FilterLine {
+    const char* raw;
+    std::size_t raw_len;
+    char key[DB_UTIL_KEY_SIZE];
+    char value[DB_UTIL_VALUE_SIZE];
+    Tr140ConfKey parts;
+};
+
+// What stands in the new file in place of one line: the line itself (keep),
+// composed lines, both (a line inserted after it), or nothing (dropped).
+class Tr140FilterOut {
+public:
+    explicit Tr140FilterOut(FILE* f) : f_(f) {}
+    // Copies the line byte for byte.
+    void keep(const Tr140FilterLine& line);
+    // Writes one line composed within 128 characters, starting it on a fresh
+    // line; false (and nothing written) when it would not fit.
+    bool line(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
+
+private:
+    FILE* f_;
+    bool at_line_start_ = true;
+};
+
+using Tr140LineFilter = void (*)(const Tr140FilterLine& line, Tr140FilterOut& out, void* context);
+
+// Streams the history file through the temporary file, letting filter decide
+// for every line, then removes the old file and moves the temporary one into
+// place: 0, or -1 when either file could not be opened (nothing changed).
+int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context);
+
+// The same with any callable taking (const Tr140FilterLine&, Tr140FilterOut&).
+template <typename Filter>
+int db_util_tr140_conf_filter_lines(Filter&& filter) {
+    using F = std::remove_reference_t<Filter>;
+    return db_util_tr140_conf_filter_lines(
+        [](const Tr140FilterLine& line, Tr140FilterOut& out, void* context) {
+            (*static_cast<F*>(context))(line, out);
+        },
+        const_cast<void*>(static_cast<const void*>(&filter)));
+}
 // Records a disk with its number of volumes; always -1.
 int db_util_tr140_conf_record_new_sn(const char* serial, int volumes);
 // Out buffers of the serial and name getters below hold at least 64 bytes;
@@ -176,6 +224,49 @@ int db_util_get_tr140_device_id_by_serial_number(const char* serial);
 
 // Volume number of a partition name: sda1 is 0.
 int db_util_volume_number(const char* volume);
+
+// ---------------------------------------------------------------------------
+// User access records
+//
+// Entries of a volume of a remembered disk in the history file: which Samba
+// account may use the volume and with which permissions. Entry numbers run
+// from 0 to 25; the volume comes from its partition name (sda1 is 0), and a
+// name that gives no volume 0 to 24, a negative device id or an entry out of
+// range is answered -1 (the count: 0) without touching the file.
+
+inline constexpr int USER_ACCESS_MAX_ENTRY = 26;
+inline constexpr int SAMBA_USER_MAX = 25;
+
+struct UserAccessInfo {
+    int32_t index;  // left to the caller
+    char user_reference[256];
+    int32_t permissions;
+};
+static_assert(offsetof(UserAccessInfo, user_reference) == 4);
+static_assert(offsetof(UserAccessInfo, permissions) == 260);
+static_assert(sizeof(UserAccessInfo) == 264);
+
+// Number of entries of the volume present (gaps do not stop the count).
+int db_util_get_number_of_user_access(int device_id, const char* volume);
+// Fills user_reference and permissions of entry (an empty permission reads
+// as -1): 0, or -1 with info untouched when the entry is absent.
+int db_util_get_user_access_info_by_index(int entry, int device_id, const char* volume, UserAccessInfo* info);
+// Lowest entry number not present; -1 when all 26 are.
+int dp_util_get_tr140_useraccess_free_item(int device_id, const char* volume);
+// Inserts the entry for user's account right after the volume's ENABLE line:
+// 0, or -1 when the user has no account number or the volume no ENABLE line.
+int dp_util_get_tr140_add_useraccess(int device_id, const char* volume, int entry, const char* user, int permissions);
+// Drops both lines of the entry: 0, or -1 when it is absent.
+int dp_util_get_tr140_remove_useraccess(int device_id, const char* volume, int entry);
+// Drops every entry whose reference contains "UserAccess.<account of user>"
+// (so account 1 takes 10 to 19 with it); always -1.
+int dp_util_get_tr140_remove_useraccess_by_username(const char* user);
+// Samba account number of user: the first slot with that name, else the
+// last lookup's result (-1 when slot 24 is free, 0 when it is in use).
+int dp_util_get_samba_user_index(const char* user);
+// Writes the automatically created entries of a new volume: entry n for
+// account n, n from 0 to accounts - 1, with empty permissions.
+void db_util_tr140_conf_append_user_access(FILE* f, int device_id, int volume, int accounts);
 
 // Hands the settings and history files to the configuration manager.
 void usbmgr_cfg_save();

@@ -150,10 +150,15 @@ int usbmgr_conf_save() {
     if (!f) return -1;
     for (int pos = 1; pos <= kSettingCount; ++pos) {
         const Setting& s = setting_at(pos);
-        if (s.number)
+        if (s.number) {
             std::fprintf(f.get(), "%s=%d\n", s.key, *s.number);
-        else
-            std::fprintf(f.get(), "%s=%.*s\n", s.key, static_cast<int>(strnlen(s.text, s.size)), s.text);
+            continue;
+        }
+        // A value is the rest of its line: a newline in a record set over the
+        // bus would start a key of its own. The record is cleaned in place,
+        // so memory and file hold the same text.
+        usbmgr::sanitize_value_text(s.text, s.size);
+        std::fprintf(f.get(), "%s=%.*s\n", s.key, static_cast<int>(strnlen(s.text, s.size)), s.text);
     }
 
     // Samba accounts live only in the file: carry them over from the copy.

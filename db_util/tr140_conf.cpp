@@ -4,6 +4,7 @@
 // its SERIAL_NUMBER line) and rewritten through the temporary file.
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -11,6 +12,7 @@
 #include <cstring>
 #include <memory>
 
+#include "app_util/app_util.h"
 #include "db_util/db_util.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
@@ -30,25 +32,41 @@ constexpr std::size_t kNameOutSize = 64;
 constexpr std::size_t kSerialMax = sizeof(UsbPhysicalInfo::serial_number) - 1;
 // "NAME.%d" and "ENABLE.%d" of the volume setter.
 constexpr std::size_t kItemTextSize = 12;
-// Marks an id the range scan did not set (no line, or a single line).
-constexpr int kIdUnset = INT_MIN;
 
 using File = usbmgr::FilePtr;
 
 File open_file(const char* path, const char* mode) { return File(std::fopen(path, mode)); }
 
-// One line of the history file, split into key and value and the key into its parts.
-struct HistoryLine {
-    char key[DB_UTIL_KEY_SIZE];
-    char value[DB_UTIL_VALUE_SIZE];
-    Tr140ConfKey parts;
-};
-
-void parse_line(const char* line, HistoryLine& out) {
+// Splits a piece into key and value and the key into its parts.
+void parse_line(const char* line, Tr140FilterLine& out) {
     db_util_split_line(line, out.key, out.value);
     char key[DB_UTIL_KEY_SIZE];
     usbmgr::copy_str(key, out.key);
     db_util_tr140_conf_split_key(key, &out.parts);
+}
+
+// Reads one piece as fgets into 256 characters would (up to and with the
+// newline, at most 255 bytes) and returns its length, 0 at the end. The
+// length is what lets a kept piece be copied whole: a NUL in it would end
+// the copy of a C string early and lose the newline behind it.
+std::size_t read_piece(FILE* f, char (&buf)[DB_UTIL_LINE_SIZE]) {
+    std::size_t n = 0;
+    while (n < sizeof buf - 1) {
+        const int c = getc_unlocked(f);
+        if (c == EOF) break;
+        buf[n++] = static_cast<char>(c);
+        if (c == '\n') break;
+    }
+    buf[n] = '\0';
+    return n;
+}
+
+// The key a lookup of a device's line would be made with ("USBMGR.%d.%s"),
+// compared with the line's own key: a line answers a lookup only when its
+// key is exactly that text.
+bool key_is_canonical(const Tr140FilterLine& line, const char* item) {
+    char key[DB_UTIL_KEY_SIZE] = {};
+    return usbmgr::format_str(key, "USBMGR.%d.%s", line.parts.device_id, item) && std::strcmp(key, line.key) == 0;
 }
 
 bool is_item(const Tr140ConfKey& parts, const char* item) {
@@ -91,54 +109,29 @@ __attribute__((format(printf, 2, 3))) bool append_line(FILE* f, const char* fmt,
 template <std::size_t N>
 void copy_line_value(char (&dst)[N], const char* src) {
     usbmgr::copy_str(dst, src ? src : "");
-    for (std::size_t i = 0; i < N && dst[i] != '\0'; ++i) {
-        unsigned char c = static_cast<unsigned char>(dst[i]);
-        if (c < 0x20 || c == 0x7f) dst[i] = '_';
-    }
+    usbmgr::sanitize_value_text(dst, N);
 }
 
 void log_missing_file() { USBMGR_TRACE(USBMGR_LOG_DEBUG, "File %s not found ...", TR140_CONF_PATH); }
 
-// Streams the history file through the temporary file; decide(raw line,
-// parsed line, temporary file) writes what is kept or replaced. False when
-// either file could not be opened (nothing changed).
-template <typename Decide>
-bool filter_history(Decide&& decide) {
-    File in = open_file(TR140_CONF_PATH, "re");
-    if (!in) return false;
-    File out = open_file(TR140_TEMP_PATH, "we");
-    if (!out) return false;
-    char line[DB_UTIL_LINE_SIZE];
-    while (std::fgets(line, sizeof line, in.get())) {
-        HistoryLine parsed;
-        parse_line(line, parsed);
-        decide(line, parsed, out.get());
-    }
-    in.reset();
-    out.reset();
-    std::remove(TR140_CONF_PATH);
-    db_util_exe_command(usbmgr::CommandLine::exec({"mv", TR140_TEMP_PATH, TR140_CONF_PATH}));
-    return true;
-}
-
 // Streams the history file through the temporary file and hands every line
-// of the record of serial to change(raw, parsed, out), which writes what
-// stands in its place and returns true once the record's change is complete.
-// The record begins at its SERIAL_NUMBER line; another serial does not end
-// it, only the completed change does.
+// of the record of serial to change(line, out), which writes what stands in
+// its place and returns true once the record's change is complete. The
+// record begins at its SERIAL_NUMBER line; another serial does not end it,
+// only the completed change does.
 template <typename Change>
 void filter_record(const char* serial, Change&& change) {
     bool in_record = false;
-    filter_history([&](const char* raw, const HistoryLine& parsed, FILE* out) {
-        if (is_item(parsed.parts, "SERIAL_NUMBER")) {
-            if (std::strcmp(parsed.value, serial) == 0) in_record = true;
-            std::fputs(raw, out);
+    db_util_tr140_conf_filter_lines([&](const Tr140FilterLine& line, Tr140FilterOut& out) {
+        if (is_item(line.parts, "SERIAL_NUMBER")) {
+            if (std::strcmp(line.value, serial) == 0) in_record = true;
+            out.keep(line);
             return;
         }
         if (in_record)
-            in_record = !change(raw, parsed, out);
+            in_record = !change(line, out);
         else
-            std::fputs(raw, out);
+            out.keep(line);
     });
 }
 
@@ -154,8 +147,8 @@ int find_in_record(const char* item, const char* serial, Take&& take) {
     }
     bool found = false;
     char line[DB_UTIL_LINE_SIZE];
-    while (std::fgets(line, sizeof line, f.get())) {
-        HistoryLine parsed;
+    while (std::size_t len = read_piece(f.get(), line)) {
+        Tr140FilterLine parsed{line, len, {}, {}, {}};
         parse_line(line, parsed);
         if (is_item(parsed.parts, "SERIAL_NUMBER") && std::strcmp(parsed.value, serial) == 0) {
             found = true;
@@ -166,10 +159,12 @@ int find_in_record(const char* item, const char* serial, Take&& take) {
     return -1;
 }
 
-// The lines of one volume of a new record.
-void append_volume_lines(FILE* f, int device_id, int volume) {
+// The lines of one volume of a new record, with an entry for each of the
+// first accounts Samba accounts when user access is created automatically.
+void append_volume_lines(FILE* f, int device_id, int volume, int accounts) {
     append_line(f, "USBMGR.%d.NAME.%d=\n", device_id, volume);
     append_line(f, "USBMGR.%d.ENABLE.%d=%d\n", device_id, volume, 1);
+    if (AUTO_CREATE_USER_ACCESS_DATA != 0) db_util_tr140_conf_append_user_access(f, device_id, volume, accounts);
 }
 
 void append_record(const char* serial, int device_id, int volumes) {
@@ -178,14 +173,136 @@ void append_record(const char* serial, int device_id, int volumes) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "Creat %s Fail ...", TR140_CONF_PATH);
         return;
     }
-    std::fseek(f.get(), 0, SEEK_END);
+    // A last line cut short (power lost while it was written) has no
+    // newline: the record starts on a line of its own, not glued onto it.
+    if (std::fseek(f.get(), -1, SEEK_END) == 0) {
+        const int last = std::fgetc(f.get());
+        std::fseek(f.get(), 0, SEEK_END);
+        if (last != '\n' && last != EOF) std::fputc('\n', f.get());
+    } else {
+        std::fseek(f.get(), 0, SEEK_END);
+    }
     // Without its key line the other lines would join the record before it.
     if (!append_line(f.get(), "USBMGR.%d.SERIAL_NUMBER=%s\n", device_id, serial)) return;
     append_line(f.get(), "USBMGR.%d.PNAME=\n", device_id);
-    for (int v = 0; v < volumes; ++v) append_volume_lines(f.get(), device_id, v);
+    const int accounts = AUTO_CREATE_USER_ACCESS_DATA != 0 ? app_util_get_number_of_samba_users() : 0;
+    for (int v = 0; v < volumes; ++v) append_volume_lines(f.get(), device_id, v, accounts);
+}
+
+// First and last device id by line position. Every int is a possible id, so
+// whether each was set is kept apart from its value.
+struct IdRange {
+    bool has_first = false;
+    bool has_last = false;
+    int first = 0;
+    int last = 0;
+};
+
+IdRange read_id_range() {
+    IdRange r;
+    File f = open_file(TR140_CONF_PATH, "re");
+    if (!f) {
+        log_missing_file();
+        return r;
+    }
+    // By position: the first line gives first, every later line overwrites last.
+    char line[DB_UTIL_LINE_SIZE];
+    while (std::size_t len = read_piece(f.get(), line)) {
+        Tr140FilterLine parsed{line, len, {}, {}, {}};
+        parse_line(line, parsed);
+        if (!r.has_first) {
+            r.first = parsed.parts.device_id;
+            r.has_first = true;
+        } else {
+            r.last = parsed.parts.device_id;
+            r.has_last = true;
+        }
+    }
+    return r;
+}
+
+// Lowest id in [lo, hi] whose SERIAL_NUMBER lookup answers serial, else -1.
+// Only the ids of the file's own SERIAL_NUMBER lines are tried, so the work
+// is bounded by the file, never by the width of the range (ids may lie far
+// apart). A candidate is confirmed by the lookup itself, since only the
+// first line of a key answers it.
+int lowest_id_of_serial(const char* serial, long long lo, long long hi) {
+    if (lo > hi) return -1;
+    File f = open_file(TR140_CONF_PATH, "re");
+    if (!f) return -1;
+    int best = -1;
+    char line[DB_UTIL_LINE_SIZE];
+    while (std::size_t len = read_piece(f.get(), line)) {
+        Tr140FilterLine parsed{line, len, {}, {}, {}};
+        parse_line(line, parsed);
+        const int id = parsed.parts.device_id;
+        if (id < lo || id > hi || (best != -1 && id >= best)) continue;
+        if (!is_item(parsed.parts, "SERIAL_NUMBER") || !key_is_canonical(parsed, "SERIAL_NUMBER")) continue;
+        if (std::strcmp(parsed.value, serial) != 0) continue;
+        char value[DB_UTIL_VALUE_SIZE] = {};
+        if (db_util_tr140_conf_get_parameter_s(parsed.key, value) == 0 && std::strcmp(value, serial) == 0) best = id;
+    }
+    return best;
+}
+
+// Number of lines that a lookup "USBMGR.%d.NAME.%d" of device id could find.
+long long count_name_lines(int device_id) {
+    File f = open_file(TR140_CONF_PATH, "re");
+    if (!f) return 0;
+    long long n = 0;
+    char line[DB_UTIL_LINE_SIZE];
+    while (std::size_t len = read_piece(f.get(), line)) {
+        Tr140FilterLine parsed{line, len, {}, {}, {}};
+        parse_line(line, parsed);
+        if (parsed.parts.device_id != device_id || !is_item(parsed.parts, "NAME")) continue;
+        char item[kItemTextSize + 8] = {};
+        if (usbmgr::format_str(item, "NAME.%d", parsed.parts.volume_index) && key_is_canonical(parsed, item)) ++n;
+    }
+    return n;
 }
 
 }  // namespace
+
+void Tr140FilterOut::keep(const Tr140FilterLine& line) {
+    if (line.raw_len == 0) return;
+    std::fwrite(line.raw, 1, line.raw_len, f_);
+    at_line_start_ = line.raw[line.raw_len - 1] == '\n';
+}
+
+bool Tr140FilterOut::line(const char* fmt, ...) {
+    char text[kOutLineSize] = {};
+    va_list ap;
+    va_start(ap, fmt);
+    const int n = std::vsnprintf(text, sizeof text, fmt, ap);
+    va_end(ap);
+    if (n <= 0 || static_cast<std::size_t>(n) >= sizeof text) return false;
+    // A kept line without its newline (the file's cut last line) must not
+    // swallow the line written after it.
+    if (!at_line_start_) std::fputc('\n', f_);
+    std::fwrite(text, 1, static_cast<std::size_t>(n), f_);
+    at_line_start_ = text[n - 1] == '\n';
+    return true;
+}
+
+int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context) {
+    if (filter == nullptr) return -1;
+    File in = open_file(TR140_CONF_PATH, "re");
+    if (!in) return -1;
+    File out = open_file(TR140_TEMP_PATH, "we");
+    if (!out) return -1;
+    Tr140FilterOut writer(out.get());
+    char line[DB_UTIL_LINE_SIZE];
+    while (std::size_t len = read_piece(in.get(), line)) {
+        Tr140FilterLine parsed{line, len, {}, {}, {}};
+        parse_line(line, parsed);
+        filter(parsed, writer, context);
+    }
+    in.reset();
+    out.reset();
+    std::remove(TR140_CONF_PATH);
+    db_util_exe_command(usbmgr::CommandLine::exec({"mv", TR140_TEMP_PATH, TR140_CONF_PATH}));
+    return 0;
+}
 
 int db_util_tr140_conf_split_key(char* key, Tr140ConfKey* out) {
     if (out == nullptr) return -1;
@@ -221,44 +338,25 @@ int db_util_tr140_conf_split_key(char* key, Tr140ConfKey* out) {
 }
 
 int db_util_tr140_conf_get_id_range(int* first, int* last) {
-    File f = open_file(TR140_CONF_PATH, "re");
-    if (!f) {
-        log_missing_file();
-        return -1;
-    }
-    // By position: the first line gives first, every later line overwrites last.
-    bool first_line = true;
-    char line[DB_UTIL_LINE_SIZE];
-    while (std::fgets(line, sizeof line, f.get())) {
-        HistoryLine parsed;
-        parse_line(line, parsed);
-        if (first_line) {
-            if (first) *first = parsed.parts.device_id;
-            first_line = false;
-        } else if (last) {
-            *last = parsed.parts.device_id;
-        }
-    }
+    const IdRange r = read_id_range();
+    if (r.has_first && first) *first = r.first;
+    if (r.has_last && last) *last = r.last;
     return -1;
 }
 
 int db_util_tr140_conf_find_sn(const char* serial) {
     if (serial == nullptr) return -1;
     // Only ids below the capacity are searched, although ids grow past it.
-    for (int n = 0; n < NUMBER_OF_MAX_TR140_HISTORY_ITEM; ++n) {
-        char key[50] = {};
-        char value[DB_UTIL_VALUE_SIZE] = {};
-        if (!usbmgr::format_str(key, "USBMGR.%d.SERIAL_NUMBER", n)) continue;
-        if (db_util_tr140_conf_get_parameter_s(key, value) != 0) continue;
-        if (std::strcmp(value, serial) == 0) return n;
-    }
-    return -1;
+    return lowest_id_of_serial(serial, 0, static_cast<long long>(NUMBER_OF_MAX_TR140_HISTORY_ITEM) - 1);
 }
 
 int db_util_tr140_conf_count_volumes(int device_id) {
-    // The history capacity doubles as the bound on the volume count.
+    // The history capacity doubles as the bound on the volume count; the
+    // NAME lines of the device in the file bound it as well, so a capacity
+    // read from the settings file never sets the length of the walk.
+    const long long bound = std::min<long long>(NUMBER_OF_MAX_TR140_HISTORY_ITEM, count_name_lines(device_id));
     int n = 0;
-    for (; n < NUMBER_OF_MAX_TR140_HISTORY_ITEM; ++n) {
+    for (; n < bound; ++n) {
         char key[50] = {};
         char value[DB_UTIL_VALUE_SIZE] = {};
         if (!usbmgr::format_str(key, "USBMGR.%d.NAME.%d", device_id, n)) break;
@@ -268,8 +366,8 @@ int db_util_tr140_conf_count_volumes(int device_id) {
 }
 
 int db_util_tr140_conf_delete_device(int device_id) {
-    filter_history([device_id](const char* raw, const HistoryLine& parsed, FILE* out) {
-        if (parsed.parts.device_id != device_id) std::fputs(raw, out);
+    db_util_tr140_conf_filter_lines([device_id](const Tr140FilterLine& line, Tr140FilterOut& out) {
+        if (line.parts.device_id != device_id) out.keep(line);
     });
     return -1;
 }
@@ -294,12 +392,11 @@ int db_util_tr140_conf_record_new_sn(const char* serial, int volumes) {
             // Another number of volumes: the old names no longer fit the disk.
             db_util_tr140_conf_delete_device(known);
         }
-        int first = kIdUnset;
-        int last = kIdUnset;
-        db_util_tr140_conf_get_id_range(&first, &last);
+        const IdRange range = read_id_range();
         // A file without lines starts again at 0; a single line is its own last.
-        if (first != kIdUnset) {
-            if (last == kIdUnset) last = first;
+        if (range.has_first) {
+            const int first = range.first;
+            const int last = range.has_last ? range.last : range.first;
             if (last == INT_MAX) {
                 USBMGR_TRACE(USBMGR_LOG_DEBUG, "No device id left after %d, not recorded", last);
                 return -1;
@@ -376,19 +473,17 @@ int db_util_set_tr140_volume_info(const char* serial, const char* volume, int en
     char new_name[DB_UTIL_VALUE_SIZE] = {};
     copy_line_value(new_name, name);
 
-    filter_record(serial, [&](const char* raw, const HistoryLine& parsed, FILE* out) {
-        const Tr140ConfKey& k = parsed.parts;
+    filter_record(serial, [&](const Tr140FilterLine& line, Tr140FilterOut& out) {
+        const Tr140ConfKey& k = line.parts;
         if (line_is_item(k, name_item) && new_name[0] != '\0') {
-            if (!append_line(out, "USBMGR.%d.NAME.%d=%s\n", k.device_id, k.volume_index, new_name))
-                std::fputs(raw, out);
+            if (!out.line("USBMGR.%d.NAME.%d=%s\n", k.device_id, k.volume_index, new_name)) out.keep(line);
             return false;
         }
         if (line_is_item(k, enable_item)) {
-            if (!append_line(out, "USBMGR.%d.ENABLE.%d=%d\n", k.device_id, k.volume_index, enable))
-                std::fputs(raw, out);
+            if (!out.line("USBMGR.%d.ENABLE.%d=%d\n", k.device_id, k.volume_index, enable)) out.keep(line);
             return true;  // the change ends at the ENABLE line
         }
-        std::fputs(raw, out);
+        out.keep(line);
         return false;
     });
     return -1;
@@ -399,13 +494,13 @@ int db_util_set_tr140_physical_name(const char* serial, const char* name) {
     char new_name[DB_UTIL_VALUE_SIZE] = {};
     copy_line_value(new_name, name);
 
-    filter_record(serial, [&](const char* raw, const HistoryLine& parsed, FILE* out) {
-        if (!line_is_item(parsed.parts, "PNAME")) {
-            std::fputs(raw, out);
+    filter_record(serial, [&](const Tr140FilterLine& line, Tr140FilterOut& out) {
+        if (!line_is_item(line.parts, "PNAME")) {
+            out.keep(line);
             return false;
         }
         // Even an empty name replaces the old one.
-        if (!append_line(out, "USBMGR.%d.PNAME=%s\n", parsed.parts.device_id, new_name)) std::fputs(raw, out);
+        if (!out.line("USBMGR.%d.PNAME=%s\n", line.parts.device_id, new_name)) out.keep(line);
         return true;
     });
     return -1;
@@ -413,20 +508,12 @@ int db_util_set_tr140_physical_name(const char* serial, const char* name) {
 
 int db_util_get_tr140_device_id_by_serial_number(const char* serial) {
     if (serial == nullptr) return -1;
-    int first = kIdUnset;
-    int last = kIdUnset;
-    db_util_tr140_conf_get_id_range(&first, &last);
-    if (first == kIdUnset) return -1;
-    if (last == kIdUnset) last = first;
-    // Every id present in the file, unlike the recording search.
-    for (long long n = first; n <= last; ++n) {
-        char key[100] = {};
-        char value[DB_UTIL_VALUE_SIZE] = {};
-        if (!usbmgr::format_str(key, "USBMGR.%lld.SERIAL_NUMBER", n)) continue;
-        if (db_util_tr140_conf_get_parameter_s(key, value) != 0) continue;
-        if (std::strcmp(value, serial) == 0) return static_cast<int>(n);
-    }
-    return -1;
+    const IdRange range = read_id_range();
+    if (!range.has_first) return -1;
+    const int first = range.first;
+    const int last = range.has_last ? range.last : range.first;
+    // Every id between the first and the last line, unlike the recording search.
+    return lowest_id_of_serial(serial, first, last);
 }
 
 int db_util_volume_number(const char* volume) {

@@ -16,7 +16,8 @@ if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
     seconds=$1
     shift
 fi
-all=(fuzz_config_file fuzz_settings fuzz_history fuzz_hotplug fuzz_dispatch fuzz_samba_conf fuzz_minidlna_conf)
+all=(fuzz_config_file fuzz_settings fuzz_history fuzz_hotplug fuzz_dispatch fuzz_samba_users fuzz_user_access
+     fuzz_samba_conf fuzz_minidlna_conf)
 targets=("$@")
 [[ ${#targets[@]} -gt 0 ]] || targets=("${all[@]}")
 for t in "${targets[@]}"; do

@@ -343,6 +343,9 @@ const Layout* find_layout(uint32_t id) {
 }
 
 const Field* find_field(const Layout& layout, const char* name) {
+    // An exact match first: some payloads have both Status (a text) and status.
+    for (std::size_t i = 0; i < layout.count; ++i)
+        if (std::strcmp(layout.fields[i].name, name) == 0) return &layout.fields[i];
     for (std::size_t i = 0; i < layout.count; ++i)
         if (strcasecmp(layout.fields[i].name, name) == 0) return &layout.fields[i];
     return nullptr;

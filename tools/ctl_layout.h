@@ -58,7 +58,7 @@ constexpr const char* layout_problem(const Layout& layout) {
     return nullptr;
 }
 
-// Field of a layout by name (case-insensitive), or nullptr.
+// Field of a layout by name: the exact name first, else case-insensitive; nullptr.
 const Field* find_field(const Layout& layout, const char* name);
 
 // Stores text as the value of field f into buf (of size buf_size).

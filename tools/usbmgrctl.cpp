@@ -20,6 +20,7 @@
 #include "proto/commands.h"
 #include "proto/payload.h"
 #include "tools/ctl_layout.h"
+#include "tools/ctl_model.h"
 #include "tools/ctl_text.h"
 
 namespace {
@@ -56,6 +57,17 @@ const char kUsage[] =
     "      act as DUSB_DMON: write or remove /tmp/usb/PORT and send the hot-plug\n"
     "      event (0 storage arrival, 7 storage removal, 6 serial arrival,\n"
     "      13 serial removal) with the 282-byte device record\n"
+    "  usbmgrctl services | service SERVICE | capabilities SERVICE | netinfo SERVICE\n"
+    "          | network-server SERVICE | user SERVICE USER | disk SERVICE SLOT\n"
+    "          | volume SERVICE SLOT | folder SERVICE SLOT N | user-access SERVICE SLOT N\n"
+    "          [--json]\n"
+    "      read the storage service (commands 14 to 23): services counts them;\n"
+    "      SLOT is a disk's or volume's device-table slot (0 to 24), USER a Samba\n"
+    "      user number of the settings, folder N 0 the volume root, user-access N\n"
+    "      the record's number; prints the decoded reply and its status\n"
+    "  usbmgrctl tree [--service N] [--json]\n"
+    "      read the whole StorageService tree (service 0 unless given): disks and\n"
+    "      volumes of every slot, their folders and user access, and the users\n"
     "  usbmgrctl help\n";
 
 int usage_error(const char* fmt, const char* arg) {
@@ -233,6 +245,87 @@ int cmd_fields(int argc, char** argv) {
         std::printf("  %-30s offset %3u  %s", f.name, f.offset, type);
         if (f.type == FieldType::STR) std::printf(" of %u", f.size);
         std::printf("\n");
+    }
+    return kExitOk;
+}
+
+// ---------------------------------------------------------------------------
+// storage service reads
+
+// Runs one command on an open connection; the reply replaces payload.
+int execute(BusConnection& bus, uint32_t id, std::vector<unsigned char>& payload) {
+    std::vector<unsigned char> reply(kMaxPayload, 0);
+    uint32_t reply_len = 0;
+    int code = OrbIilExecute(bus.get(), kDaemonName, id, payload.empty() ? nullptr : payload.data(),
+                             static_cast<uint32_t>(payload.size()), reply.data(), static_cast<uint32_t>(reply.size()),
+                             &reply_len);
+    payload.assign(reply.begin(), reply.begin() + (reply_len < reply.size() ? reply_len : reply.size()));
+    return code;
+}
+
+// Splits --json off the arguments.
+std::vector<std::string> take_args(int argc, char** argv, bool& json) {
+    std::vector<std::string> args;
+    for (int i = 0; i < argc; ++i) {
+        if (std::strcmp(argv[i], "--json") == 0)
+            json = true;
+        else
+            args.emplace_back(argv[i]);
+    }
+    return args;
+}
+
+int open_client(BusConnection& bus) {
+    const std::string me = client_name();
+    int rc = bus.open(me.c_str());
+    if (rc != ORBIIL_OK) std::fprintf(stderr, "usbmgrctl: cannot join the bus as %s: %s\n", me.c_str(), usbmgr_iil_err_str(rc));
+    return rc;
+}
+
+int cmd_read_verb(const usbmgrctl::ReadVerb& verb, int argc, char** argv) {
+    bool json = false;
+    std::vector<std::string> args = take_args(argc, argv, json);
+    std::vector<unsigned char> payload;
+    std::string error;
+    if (!usbmgrctl::build_read_request(verb, args, payload, error)) return usage_error("%s", error.c_str());
+    BusConnection bus;
+    if (open_client(bus) != ORBIIL_OK) return kExitFail;
+    int code = execute(bus, verb.id, payload);
+    bus.close();
+    std::string out = json ? usbmgrctl::format_verb_json(verb, code, payload.data(), payload.size()) + "\n"
+                           : usbmgrctl::format_verb_text(verb, code, payload.data(), payload.size());
+    std::fputs(out.c_str(), stdout);
+    std::fflush(stdout);
+    return code == ORBIIL_OK ? kExitOk : kExitFail;
+}
+
+int cmd_tree(int argc, char** argv) {
+    bool json = false;
+    std::vector<std::string> args = take_args(argc, argv, json);
+    int64_t service = 0;
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--service" && i + 1 < args.size()) {
+            if (!usbmgrctl::parse_number(args[i + 1].c_str(), INT32_MIN, INT32_MAX, service))
+                return usage_error("bad --service '%s'", args[i + 1].c_str());
+            ++i;
+        } else {
+            return usage_error("unknown tree option '%s'", args[i].c_str());
+        }
+    }
+    BusConnection bus;
+    if (open_client(bus) != ORBIIL_OK) return kExitFail;
+    usbmgrctl::Node tree;
+    std::string error;
+    bool ok = usbmgrctl::walk_tree(static_cast<int32_t>(service),
+                                   [&bus](uint32_t id, std::vector<unsigned char>& p) { return execute(bus, id, p); },
+                                   tree, error);
+    bus.close();
+    std::string out = json ? usbmgrctl::render_tree_json(tree) + "\n" : usbmgrctl::render_tree_text(tree);
+    std::fputs(out.c_str(), stdout);
+    std::fflush(stdout);
+    if (!ok) {
+        std::fprintf(stderr, "usbmgrctl: %s\n", error.c_str());
+        return kExitFail;
     }
     return kExitOk;
 }
@@ -555,6 +648,8 @@ int main(int argc, char** argv) {
     if (std::strcmp(sub, "call") == 0) return cmd_call(argc - 2, argv + 2);
     if (std::strcmp(sub, "fields") == 0) return cmd_fields(argc - 2, argv + 2);
     if (std::strcmp(sub, "monitor") == 0) return cmd_monitor(argc - 2, argv + 2);
+    if (std::strcmp(sub, "tree") == 0) return cmd_tree(argc - 2, argv + 2);
+    if (const usbmgrctl::ReadVerb* verb = usbmgrctl::find_read_verb(sub)) return cmd_read_verb(*verb, argc - 2, argv + 2);
     for (const auto& k : kPlugKinds)
         if (std::strcmp(sub, k.verb) == 0) return cmd_plug(k, argc - 2, argv + 2);
     return usage_error("unknown command '%s'", sub);

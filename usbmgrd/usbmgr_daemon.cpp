@@ -40,7 +40,7 @@ struct sigaction g_saved_sigalrm;
 // SIGTERM asks the main thread for the shutdown; the handler only sets the
 // flag and wakes the thread.
 volatile sig_atomic_t g_term_requested;
-int g_wake_fd = -1;
+volatile sig_atomic_t g_wake_fd = -1;
 
 // Installs handler for sig; keeps the signal ignored when it was ignored.
 void install_keeping_ignored(int sig, void (*handler)(int)) {
@@ -58,20 +58,38 @@ bool install(int sig, void (*handler)(int), struct sigaction* saved) {
     return sigaction(sig, &sa, saved) == 0;
 }
 
+// From a signal handler: ends the main thread's current wait.
+void wake_main_thread() {
+    const int fd = g_wake_fd;
+    if (fd < 0) return;
+    uint64_t one = 1;
+    (void)!write(fd, &one, sizeof one);
+}
+
 // Waits up to us for a wake-up of the main thread.
 void idle_wait(unsigned long us) {
-    if (g_wake_fd < 0) {
+    const int fd = g_wake_fd;
+    if (fd < 0) {
         usbmgr::sys_clock().sleep_us(us);
         return;
     }
-    pollfd p{g_wake_fd, POLLIN, 0};
+    pollfd p{fd, POLLIN, 0};
     if (poll(&p, 1, static_cast<int>(us / 1000)) > 0) {
         uint64_t v;
-        (void)!read(g_wake_fd, &v, sizeof v);
+        (void)!read(fd, &v, sizeof v);
     }
 }
 
+// Every way out of start-up passes here. A SIGTERM that came in meanwhile
+// was put off until the idle loop, which start-up will now never reach: the
+// orderly shutdown runs instead (and ends the process with 0).
+int leave(int status) {
+    if (g_term_requested) usbmgr_shutdown();
+    return status;
+}
+
 [[noreturn]] void error_end() {
+    leave(-1);
     USBMGR_TRACE(USBMGR_LOG_QUITE, "ORB fault mgt daemon is terminated with error");
     OrbIilResetLog();
     _exit(-1);
@@ -115,8 +133,11 @@ int usbmgr_init() {
 }
 
 void usbmgr_daemon_control_handler(int sig) {
+    int saved = errno;
     usbmgr_daemon_signalled = 1;
     usbmgr_daemon_ready = sig == SIGALRM ? 1 : 0;
+    wake_main_thread();
+    errno = saved;
 }
 
 int usbmgr_setup_daemon_control() {
@@ -155,7 +176,9 @@ int usbmgr_wait_daemon_initialized() {
     while (!usbmgr_daemon_signalled) {
         if (g_term_requested) usbmgr_shutdown();
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "keep waiting");
-        usbmgr::sys_clock().sleep_us(1000000);
+        // The child's signal ends the second at once, as it ends a sleep:
+        // the first of SIGALRM and SIGCHLD decides, not the last.
+        idle_wait(1000000);
     }
     OrbIilResetLog();
     return usbmgr_daemon_ready;
@@ -168,10 +191,7 @@ void usbmgr_sigint_handler(int) {
 void usbmgr_sigterm_handler(int) {
     int saved = errno;
     g_term_requested = 1;
-    if (g_wake_fd >= 0) {
-        uint64_t one = 1;
-        (void)!write(g_wake_fd, &one, sizeof one);
-    }
+    wake_main_thread();
     errno = saved;
 }
 
@@ -262,32 +282,46 @@ int usbmgr_main(int argc, char** argv) {
 
     if (!usbmgr_reset()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_reset()");
-        return -1;
+        return leave(-1);
     }
     if (!usbmgr_init()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_init()");
-        return -1;
+        return leave(-1);
     }
     if (!usbmgr_setup_daemon_control()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_setup_daemon_control()");
-        return -1;
+        return leave(-1);
     }
+    // A SIGTERM taken before the fork is the whole daemon's: shut down here
+    // rather than leave both processes to do it.
+    leave(0);
 
     pid_t pid = fork();
     if (pid < 0) {
         USBMGR_TRACE(USBMGR_LOG_ERROR, "fail to fork(), err = %s", std::strerror(errno));
         OrbIilResetLog();
-        return -1;
+        return leave(-1);
     }
     if (pid > 0) return usbmgr_wait_daemon_initialized() == 1 ? 0 : -1;
+
+    // The parent waits on the wake-up descriptor: the child gets its own,
+    // so that neither takes the other's wake-ups.
+    const int own_wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    const int inherited_wake = g_wake_fd;
+    g_wake_fd = own_wake;
+    if (inherited_wake >= 0) close(inherited_wake);
 
     USBMGR_TRACE(USBMGR_LOG_QUITE, "ORB usb mgt daemon is running");
     if (!usbmgr_reset_daemon_control()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_reset_daemon_control()");
-        return -1;
+        return leave(-1);
     }
     signal(SIGALRM, usbmgr_alarm_handler);
-    usbmgr_deferred_init();
+    // Without the worker no reload or notification would ever happen.
+    if (!usbmgr_deferred_init()) {
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_deferred_init()");
+        error_end();
+    }
 
     std::memset(&usbmgr_iil_handle, 0, sizeof usbmgr_iil_handle);
     int ret = OrbIilInit(&usbmgr_iil_handle, USBMGR_BUS_NAME);
@@ -309,25 +343,25 @@ int usbmgr_main(int argc, char** argv) {
     if (ret != ORBIIL_OK) {
         // Ends the child with status 0, as the gateway's supervisor expects.
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to OrbIilSetEvtHandler(), ret = %s", usbmgr_iil_err_str(ret));
-        return 0;
+        return leave(0);
     }
     if (!usbmgr_issue_event()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_issue_event()");
-        return -1;
+        return leave(-1);
     }
     int subscribed = usbmgr_subscribe_event();
     if (!subscribed) {
         // The name printed is that of the step's own result, so always "OK".
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_subscribe_event(), ret = %s", usbmgr_iil_err_str(subscribed));
-        return 0;
+        return leave(0);
     }
     if (!usbmgr_notify_init()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_notify_init()");
-        return -1;
+        return leave(-1);
     }
     if (!usbmgr_service_init()) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to usbmgr_service_init()");
-        return -1;
+        return leave(-1);
     }
     // The lock is statically initialised (others may hold it by now, and
     // re-initialising a held mutex would break it); this step checks that
@@ -335,7 +369,7 @@ int usbmgr_main(int argc, char** argv) {
     pthread_mutexattr_t attr;
     if (pthread_mutexattr_init(&attr) != 0) {
         USBMGR_TRACE(USBMGR_LOG_QUITE, "mutex init failed");
-        return -1;
+        return leave(-1);
     }
     pthread_mutexattr_destroy(&attr);
 
@@ -344,6 +378,8 @@ int usbmgr_main(int argc, char** argv) {
         idle_wait(kIdlePollUs);
         if (g_term_requested) usbmgr_shutdown();
     }
+    // The bus stopping does not cancel a SIGTERM that came with it.
+    leave(0);
     ret = OrbIilReset(&usbmgr_iil_handle);
     if (ret != ORBIIL_OK) {
         USBMGR_TRACE(USBMGR_LOG_ERROR, "fail to OrbIilReset(), ret = %s", usbmgr_iil_err_str(ret));
@@ -351,5 +387,5 @@ int usbmgr_main(int argc, char** argv) {
     }
     USBMGR_TRACE(USBMGR_LOG_QUITE, "ORB fault mgt daemon is terminated");
     OrbIilResetLog();
-    return 0;
+    return leave(0);
 }

@@ -78,7 +78,12 @@ int usbmgr_deferred_init() {
     pthread_t tid;
     int r = pthread_create(&tid, nullptr, deferred_worker, nullptr);
     pthread_sigmask(SIG_SETMASK, &old, nullptr);
-    if (r != 0) return 0;
+    if (r != 0) {
+        // No worker reads it: a later call must not take the descriptor for one.
+        close(g_alarm_fd);
+        g_alarm_fd = -1;
+        return 0;
+    }
     pthread_detach(tid);
     return 1;
 }

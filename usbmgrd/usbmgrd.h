@@ -134,7 +134,7 @@ void usbmgr_handle_inotify_events(const char* buf, std::size_t len);
 // ---------------------------------------------------------------------------
 // Storage model (usbmgr_tr140.cpp)
 
-// Rebuilds the model whole from its sources; the caller holds usbmgr_mutex.
-void usbmgr_tr140_db_build();
+// The model, its builder and its records: usbmgrd/usbmgr_tr140.h.
+#include "usbmgrd/usbmgr_tr140.h"
 
 #endif

@@ -80,6 +80,12 @@ int deliver_event(const std::string& src, uint32_t id, std::vector<uint8_t> payl
 
 using fake::g_bus;
 
+namespace {
+void called(const char* name) {
+    if (g_bus.on_call) g_bus.on_call(name);
+}
+}  // namespace
+
 extern "C" {
 
 int OrbIilInitLog(const char*) {
@@ -108,6 +114,7 @@ void OrbIilTrace(int level, const char* module, int line, const char* fmt, ...) 
 void OrbIilResetLog(void) { g_bus.log_open = false; }
 
 int OrbIilInit(OrbIilHandle* handle, const char* name) {
+    called("OrbIilInit");
     if (handle) std::memset(handle, 0, sizeof *handle);
     g_bus.name = name ? name : "";
     if (g_bus.init_code == 0) g_bus.running = true;
@@ -115,18 +122,21 @@ int OrbIilInit(OrbIilHandle* handle, const char* name) {
 }
 
 int OrbIilSetCmdHandler(OrbIilHandle*, const OrbIilCmdEntry* table, uint32_t count) {
+    called("OrbIilSetCmdHandler");
     if (g_bus.set_cmd_code) return g_bus.set_cmd_code;
     g_bus.commands.assign(table, table + count);
     return 0;
 }
 
 int OrbIilSetEvtHandler(OrbIilHandle*, const OrbIilEvtEntry* table, uint32_t count) {
+    called("OrbIilSetEvtHandler");
     if (g_bus.set_evt_code) return g_bus.set_evt_code;
     g_bus.events.assign(table, table + count);
     return 0;
 }
 
 int OrbIilIssueEvent(OrbIilHandle*, uint32_t id, uint32_t len) {
+    called("OrbIilIssueEvent");
     if (static_cast<int>(g_bus.issued_events.size()) == g_bus.issue_fail_at) return g_bus.issue_code;
     if (len != 4) return ORBIIL_BAD_PARAM;
     g_bus.issued_events.push_back(id);
@@ -134,12 +144,14 @@ int OrbIilIssueEvent(OrbIilHandle*, uint32_t id, uint32_t len) {
 }
 
 int OrbIilSubscribeEvent(OrbIilHandle*, const char* src, uint32_t id) {
+    called("OrbIilSubscribeEvent");
     if (static_cast<int>(g_bus.subscriptions.size()) == g_bus.subscribe_fail_at) return g_bus.subscribe_code;
     g_bus.subscriptions.emplace_back(src, id);
     return 0;
 }
 
 int OrbIilNotify(OrbIilHandle*, uint32_t id, uint32_t len, const void* payload) {
+    called("OrbIilNotify");
     std::lock_guard<std::recursive_mutex> lock(fake::g_trace_mutex);
     if (g_bus.notify_code) return g_bus.notify_code;
     const auto* p = static_cast<const uint8_t*>(payload);
@@ -153,12 +165,15 @@ int OrbIilExecute(OrbIilHandle*, const char*, uint32_t, const void*, uint32_t, v
 }
 
 int OrbIilIsRunning(OrbIilHandle*) {
+    called("OrbIilIsRunning");
     if (g_bus.running_polls == 0) g_bus.running = false;
     if (g_bus.running_polls > 0) --g_bus.running_polls;
     return g_bus.running ? 1 : 0;
 }
 
 int OrbIilReset(OrbIilHandle*) {
+    called("OrbIilReset");
+    ++g_bus.reset_calls;
     g_bus.running = false;
     return g_bus.reset_code;
 }

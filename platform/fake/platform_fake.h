@@ -5,6 +5,7 @@
 #define USBMGR_PLATFORM_FAKE_H
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <string>
@@ -51,6 +52,11 @@ struct BusState {
     int reset_code = 0;
     int running_polls = -1;  // OrbIilIsRunning answers 0 after this many polls (-1: never)
     int log_fd = -1;         // every trace line is also written here (for forked tests)
+    int reset_calls = 0;
+    // Runs first in every connection call (not the log calls), with the
+    // call's name ("OrbIilInit", "OrbIilReset", ...): lets a test see the
+    // calls of a forked daemon or act at a chosen step, e.g. raise a signal.
+    std::function<void(const char* call)> on_call;
 };
 
 // The bus double's state; guarded by mutex() when threads are involved.

@@ -117,6 +117,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             *kNumbers[i - kTextFieldCount] = in.i32();
         }
     }
+    // The save keeps every value on its line by the text rule (control
+    // characters become '_'); what it writes is the record so cleaned.
+    for (std::size_t i = 0; i < kTextFieldCount; ++i) usbmgr::sanitize_value_text(kTextFields[i].text, kTextFields[i].size);
     const std::vector<std::string> before = snapshot();
 
     usbmgr_conf_save();

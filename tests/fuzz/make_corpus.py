@@ -202,6 +202,41 @@ def dispatch():
     write(t, "storage_writes", bytes([5]) + b"".join(cmd(i, i32(0) + i32(0) + b"name") for i in range(24, 37)))
 
 
+
+def samba_users():
+    t = "fuzz_samba_users"
+    users = (b"USBMGR.SAMBA.USERNAME_MAP=admin\n"
+             b"USBMGR.SAMBA.USER_NAME.0=alice\nUSBMGR.SAMBA.USER_PASSWORD.0=a\nUSBMGR.SAMBA.USER_ENABLE.0=1\n"
+             b"USBMGR.SAMBA.USER_NAME.1=bob\nUSBMGR.SAMBA.USER_PASSWORD.1=b\nUSBMGR.SAMBA.USER_ENABLE.1=0\n"
+             b"USBMGR.SAMBA.WORKGROUP=HOME\n"
+             b"USBMGR.SAMBA.USER_NAME.3=dave\nUSBMGR.SAMBA.USER_PASSWORD.3=d\nUSBMGR.SAMBA.USER_ENABLE.3=1\n")
+    add = lambda name, pw, enable: bytes([0]) + text8(name) + text8(pw) + i32(enable)
+    write(t, "add_to_empty", text16(factory_settings()) + add(b"alice", b"secret", 1))
+    write(t, "add_into_gap", text16(users) + add(b"carol", b"c=d e", 0) + bytes([3, 1]))
+    write(t, "add_after_cut_line", text16(b"USBMGR.SAMBA.USERNAME_MAP=admin") + add(b"alice", b"a", 1))
+    write(t, "add_over_leftover_password", text16(b"USBMGR.SAMBA.USER_PASSWORD.0=old\n") + add(b"alice", b"new", 1))
+    write(t, "refused_texts", text16(users) + add(b"ev\nil", b"x", 1) + add(b"eve", b"p:w", 1) + add(b"", b"x", 1))
+    write(t, "remove_and_modify", text16(users) + bytes([1, 0xF0]) + bytes([2]) + bytes([0xF1]) + text8(b"new") +
+          i32(1))
+    write(t, "slot_24_in_use", text16(users + b"USBMGR.SAMBA.USER_NAME.24=zed\n") + bytes([1]) + text8(b"nobody"))
+    write(t, "line_of_300", text16(LONG_LINE + users) + add(b"carol", b"c", 1))
+
+
+def user_access():
+    t = "fuzz_user_access"
+    # add: op 0, device, volume (sdaN), entry choice (1: the free one), user, permissions
+    add_free = bytes([0, 0, 1, 1, 3]) + i32(2)
+    write(t, "add_for_account_three", text16(HISTORY_TWO) + bytes([0x0F]) + add_free)
+    write(t, "add_to_existing", text16(HISTORY_USER_ACCESS) + bytes([0x1F]) + add_free + bytes([3, 0, 1, 4, 0, 1]))
+    write(t, "add_unknown_with_slot_24", text16(HISTORY_TWO) + bytes([0x21]) +
+          bytes([0, 0, 1, 1, 0xF0 + 6]) + b"nobody" + i32(1))
+    write(t, "add_without_enable_line", text16(HISTORY_TWO) + bytes([0x0F]) + bytes([0, 0, 3, 1, 3]) + i32(2))
+    write(t, "remove_one", text16(HISTORY_USER_ACCESS) + bytes([0x0F]) + bytes([1, 0, 1, 1]))
+    write(t, "remove_by_name", text16(HISTORY_USER_ACCESS) + bytes([0x0F]) + bytes([2, 3]))
+    write(t, "cut_last_line", text16(HISTORY_NO_NEWLINE) + bytes([0x0F]) + add_free)
+    write(t, "line_with_nul", text16(HISTORY_NUL) + bytes([0x0F]) + add_free + bytes([2, 3]))
+
+
 def factory_value(key):
     for line in factory_settings().splitlines():
         if line.startswith(key + b"="):
@@ -251,7 +286,8 @@ def minidlna_conf():
 
 
 def main():
-    for f in (config_file, settings, history, hotplug, dispatch, samba_conf, minidlna_conf):
+    for f in (config_file, settings, history, hotplug, dispatch, samba_users, user_access, samba_conf,
+              minidlna_conf):
         f()
     return 0
 

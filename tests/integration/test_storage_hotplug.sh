@@ -180,6 +180,9 @@ printf 'SYSFS-SER-1\n' >"$sysfs/1-1/serial"
 daemon=$(DUSB_SYSFS_ROOT="$sysfs" start_daemon debug)
 check "restart: daemon started" [ -n "$daemon" ]
 check "restart: the start-up mount looked for disks" log_has "Check Exist Disk ..."
+# Readiness comes right after the bus connection, before the start-up work:
+# wait for the table print that ends it.
+wait_log "serial_number       = SYSFS-SER-1" 10 || true
 check "restart: sda1 mounted at start-up" mounted_as /tmp/disk/sda1 "/var/dev/sda1 ext4"
 check "restart: sda2 mounted at start-up" mounted_as /tmp/disk/sda2 "/var/dev/sda2 ext4"
 check "restart: table print shows the device list" log_has "attach_device       = sda,sda1,sda2"

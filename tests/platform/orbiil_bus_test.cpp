@@ -537,6 +537,79 @@ TEST_F(OrbIilBus, ResetStopsRunningAndSecondResetFails) {
     EXPECT_EQ(OrbIilInit(&server_, "SRV"), ORBIIL_OK);
 }
 
+TEST_F(OrbIilBus, NotifyFromThreadsWhileResetRunsAnswersErrorCodesAndNeverTouchesFreedState) {
+    constexpr int kThreads = 4;
+    constexpr int kRounds = 10;
+    std::atomic<bool> done{false};
+    std::atomic<int> sent{0};
+    std::atomic<int> refused{0};
+    std::atomic<int> unexpected{0};
+    std::vector<std::thread> notifiers;
+    // However the test ends, the notifiers stop before their counters go.
+    struct Joiner {
+        std::atomic<bool>& done;
+        std::vector<std::thread>& threads;
+        ~Joiner() {
+            done = true;
+            for (std::thread& t : threads)
+                if (t.joinable()) t.join();
+        }
+    } joiner{done, notifiers};
+    for (int t = 0; t < kThreads; ++t) {
+        notifiers.emplace_back([&] {
+            uint32_t kind = 0;
+            while (!done) {
+                const int r = OrbIilNotify(&server_, 0, sizeof kind, &kind);
+                const int running = OrbIilIsRunning(&server_);
+                if (r == ORBIIL_OK)
+                    ++sent;
+                else if (r == ORBIIL_BAD_PARAM || r == ORBIIL_TX_FAIL || r == ORBIIL_UNKNOWN_EVT)
+                    ++refused;
+                else
+                    ++unexpected;
+                if (running != 0 && running != 1) ++unexpected;
+            }
+        });
+    }
+    // Each round brings the connection up, lets the notifiers through, and
+    // tears it down under them.
+    // A name of its own each round: the bus may not yet have seen the last
+    // round's connection go when the next one asks for a name.
+    for (int round = 0; round < kRounds; ++round) {
+        const std::string name = "SRV" + std::to_string(round);
+        ASSERT_EQ(OrbIilInit(&server_, name.c_str()), ORBIIL_OK);
+        ASSERT_EQ(OrbIilIssueEvent(&server_, 0, 4), ORBIIL_OK);
+        const int before = sent.load();
+        EXPECT_TRUE(wait_until([&] { return sent.load() >= before + kThreads; }));
+        EXPECT_EQ(OrbIilReset(&server_), ORBIIL_OK);
+        const int refused_before = refused.load();
+        EXPECT_TRUE(wait_until([&] { return refused.load() >= refused_before + kThreads; }));
+    }
+    done = true;
+    for (std::thread& t : notifiers) t.join();
+    EXPECT_EQ(unexpected.load(), 0);
+    // After the last reset every call is refused.
+    uint32_t kind = 0;
+    EXPECT_EQ(OrbIilNotify(&server_, 0, sizeof kind, &kind), ORBIIL_BAD_PARAM);
+    EXPECT_EQ(OrbIilIsRunning(&server_), 0);
+    EXPECT_NE(OrbIilReset(&server_), ORBIIL_OK);
+}
+
+TEST_F(OrbIilBus, ResetRacingResetOnAnotherThreadSucceedsOnce) {
+    for (int round = 0; round < 10; ++round) {
+        const std::string name = "SRV" + std::to_string(round);
+        ASSERT_EQ(OrbIilInit(&server_, name.c_str()), ORBIIL_OK);
+        std::atomic<int> ok{0};
+        std::vector<std::thread> resetters;
+        for (int t = 0; t < 3; ++t)
+            resetters.emplace_back([&] {
+                if (OrbIilReset(&server_) == ORBIIL_OK) ++ok;
+            });
+        for (std::thread& t : resetters) t.join();
+        EXPECT_EQ(ok.load(), 1);
+    }
+}
+
 TEST_F(OrbIilBus, NameAlreadyOwnedAnswersConflictId) {
     start_echo_server();
     OrbIilHandle second{};

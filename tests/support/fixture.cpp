@@ -4,6 +4,7 @@
 
 #include "db_util/bus_handle.h"
 #include "db_util/db_util.h"
+#include "usbmgrd/usbmgr_tr140.h"
 #include "usbmgrd/usbmgrd.h"
 
 namespace testing_support {
@@ -39,7 +40,9 @@ void reset_daemon_state() {
     pollfds[0] = {-1, 0, 0};
 }
 
-void reset_storage_model() {}
+void reset_storage_model() {
+    for (tr140_storage_service& s : usbmgr_tr140_db) s = tr140_storage_service{};
+}
 
 void reset_daemon_globals() {
     reset_device_tables();

@@ -17,8 +17,7 @@ void reset_ring();
 void reset_deferred_state();
 void reset_settings();
 void reset_daemon_state();
-// The storage model has no state of its own yet; its records are cleared
-// here once it does.
+// Both storage service records back to all zero, their lists released.
 void reset_storage_model();
 
 // All of the above.

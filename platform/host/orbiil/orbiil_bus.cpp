@@ -29,6 +29,7 @@
 #include <mutex>
 #include <new>
 #include <set>
+#include <shared_mutex>
 #include <string>
 #include <string_view>
 #include <thread>
@@ -103,25 +104,36 @@ struct State {
     std::thread::id thread_id;
 };
 
-// What the handle stores: a pointer to the shared state, tagged so that a
-// cleared handle reads as not initialised. The handle's bytes carry no
-// alignment, hence the copies.
+// What the handle stores: the key under which its state is registered,
+// tagged so that a cleared handle reads as not initialised. The handle's
+// bytes carry no alignment, hence the copies.
 struct HandleRecord {
     uint64_t magic;
-    std::shared_ptr<State>* holder;
+    uint64_t key;
 };
 static_assert(sizeof(HandleRecord) <= ORBIIL_HANDLE_SIZE, "handle record fits the opaque handle");
 
-std::shared_ptr<State>* holder_of(const OrbIilHandle* handle) {
-    if (handle == nullptr) return nullptr;
+// Every live connection, by key. The handle's bytes are read and written only
+// under this guard, and a call takes its own reference to the state before
+// the guard is released: a Reset on one thread (the shutdown) and a Notify on
+// another (the folder watcher, the deferred worker) never meet on freed state
+// or on half-cleared bytes. A call that loses the race answers an error code.
+std::shared_mutex g_registry_mu;
+std::map<uint64_t, std::shared_ptr<State>> g_registry;
+uint64_t g_next_key = 1;
+
+// With g_registry_mu held (either way): the key in the handle, 0 for none.
+uint64_t key_of(const OrbIilHandle* handle) {
     HandleRecord rec;
     std::memcpy(&rec, handle->opaque, sizeof rec);
-    return rec.magic == kHandleMagic ? rec.holder : nullptr;
+    return rec.magic == kHandleMagic ? rec.key : 0;
 }
 
 std::shared_ptr<State> state_of(const OrbIilHandle* handle) {
-    std::shared_ptr<State>* holder = holder_of(handle);
-    return holder ? *holder : nullptr;
+    if (handle == nullptr) return nullptr;
+    std::shared_lock<std::shared_mutex> lk(g_registry_mu);
+    auto it = g_registry.find(key_of(handle));
+    return it == g_registry.end() ? nullptr : it->second;
 }
 
 void wake(State& st) {
@@ -369,9 +381,33 @@ void start_dispatch_thread(const std::shared_ptr<State>& st) {
     st->thread_id = st->thread.get_id();
 }
 
+// Stops the dispatch thread and drops the connection. Calls that still hold
+// the state find it stopped and answer an error code.
+void teardown(const std::shared_ptr<State>& st) {
+    {
+        std::lock_guard<std::mutex> lk(st->mu);
+        st->stop = true;
+        st->running = false;
+    }
+    st->calls_done.notify_all();
+    wake(*st);
+    if (st->thread.joinable()) {
+        // A handler resetting its own connection cannot wait for itself.
+        if (std::this_thread::get_id() == st->thread_id)
+            st->thread.detach();
+        else
+            st->thread.join();
+    }
+    std::lock_guard<std::mutex> lk(st->mu);
+    st->match_slots.clear();
+    st->object_slot.reset();
+    st->pending.clear();
+    st->bus.reset();
+}
+
 int init(OrbIilHandle* handle, const char* name) {
     if (handle == nullptr || !valid_daemon_name(name)) return ORBIIL_BAD_PARAM;
-    if (holder_of(handle) != nullptr) return ORBIIL_BUSY;
+    if (state_of(handle) != nullptr) return ORBIIL_BUSY;
 
     auto st = std::make_shared<State>();
     st->handle = handle;
@@ -393,37 +429,33 @@ int init(OrbIilHandle* handle, const char* name) {
     st->running = true;
     start_dispatch_thread(st);
 
-    HandleRecord rec{kHandleMagic, new std::shared_ptr<State>(st)};
+    std::unique_lock<std::shared_mutex> lk(g_registry_mu);
+    if (g_registry.count(key_of(handle)) != 0) {
+        // Another Init on the same handle won meanwhile.
+        lk.unlock();
+        teardown(st);
+        return ORBIIL_BUSY;
+    }
+    const HandleRecord rec{kHandleMagic, g_next_key++};
+    g_registry.emplace(rec.key, st);
     std::memcpy(handle->opaque, &rec, sizeof rec);
     return ORBIIL_OK;
 }
 
 int reset(OrbIilHandle* handle) {
-    std::shared_ptr<State>* holder = holder_of(handle);
-    if (holder == nullptr) return ORBIIL_BAD_PARAM;
-    std::shared_ptr<State> st = *holder;
-    delete holder;
-    std::memset(handle->opaque, 0, sizeof(HandleRecord));
-
+    if (handle == nullptr) return ORBIIL_BAD_PARAM;
+    std::shared_ptr<State> st;
     {
-        std::lock_guard<std::mutex> lk(st->mu);
-        st->stop = true;
-        st->running = false;
+        std::unique_lock<std::shared_mutex> lk(g_registry_mu);
+        auto it = g_registry.find(key_of(handle));
+        if (it == g_registry.end()) return ORBIIL_BAD_PARAM;
+        st = std::move(it->second);
+        g_registry.erase(it);
+        std::memset(handle->opaque, 0, sizeof(HandleRecord));
     }
-    st->calls_done.notify_all();
-    wake(*st);
-    if (st->thread.joinable()) {
-        // A handler resetting its own connection cannot wait for itself.
-        if (std::this_thread::get_id() == st->thread_id)
-            st->thread.detach();
-        else
-            st->thread.join();
-    }
-    std::lock_guard<std::mutex> lk(st->mu);
-    st->match_slots.clear();
-    st->object_slot.reset();
-    st->pending.clear();
-    st->bus.reset();
+    // From here no new call finds the state; those that already hold it
+    // keep it alive until they return.
+    teardown(st);
     return ORBIIL_OK;
 }
 

@@ -217,3 +217,34 @@ TEST(Settings, OverlongAndBinaryValuesLoadCutToTheirFields) {
     EXPECT_EQ(std::string(MINIDLNA_CONF.port), std::string(9, '9'));
     EXPECT_EQ(std::string(SAMBA_CONF.workgroup), std::string("\x01\xfe\x7f", 3));
 }
+
+TEST(Settings, ValueHoldingANewlineIsSavedOnOneLineAndAddsNoKey) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text());
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    std::strcpy(MINIDLNA_CONF.friendly_name, "Box\nUSBMGR.SAMBA.USER_NAME.0");
+    std::strcpy(SAMBA_CONF.workgroup, "WG\r\x01\x7f\tX");
+    usbmgr_conf_save();
+    auto lines = read_lines(USBMGR_CONF_PATH);
+    ASSERT_EQ(lines.size(), factory_lines().size());
+    EXPECT_EQ(lines[13], "USBMGR.MINIDLNA.FRIENDLY_NAME=Box_USBMGR.SAMBA.USER_NAME.0");
+    EXPECT_EQ(lines[28], "USBMGR.SAMBA.WORKGROUP=WG____X");
+    char value[DB_UTIL_VALUE_SIZE] = {};
+    EXPECT_EQ(db_util_config_get_parameter_s("USBMGR.SAMBA.USER_NAME.0", value), -1);
+    // The records hold what the file holds.
+    EXPECT_STREQ(MINIDLNA_CONF.friendly_name, "Box_USBMGR.SAMBA.USER_NAME.0");
+    EXPECT_STREQ(SAMBA_CONF.workgroup, "WG____X");
+}
+
+TEST(Settings, ValueFillingItsWholeFieldIsSavedCutToTheFieldWithoutReadingPastIt) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text());
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    std::memset(MINIDLNA_CONF.port, '\n', sizeof MINIDLNA_CONF.port);  // no terminator
+    usbmgr_conf_save();
+    auto lines = read_lines(USBMGR_CONF_PATH);
+    ASSERT_EQ(lines.size(), factory_lines().size());
+    EXPECT_EQ(lines[12], "USBMGR.MINIDLNA.PORT=" + std::string(sizeof MINIDLNA_CONF.port, '_'));
+}

@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 
 #include <algorithm>
+#include <climits>
 #include <cstring>
 #include <string>
 #include <vector>
@@ -500,4 +501,180 @@ TEST(HistorySetters, SettersWithoutHistoryFileChangeNothing) {
     EXPECT_TRUE(seams.runner.texts().empty());
     EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
     EXPECT_FALSE(testing_support::file_exists(TR140_TEMP_PATH));
+}
+
+// ---------------------------------------------------------------------------
+// Lines cut short or holding odd bytes
+
+TEST(HistoryFile, AppendAfterLastLineWithoutNewlineStartsOnAFreshLine) {
+    testing_support::Seams seams;
+    set_history(5);
+    // Power lost while the last line was written: its newline is missing.
+    testing_support::write_file(TR140_CONF_PATH,
+                                "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=\nUSBMGR.0.ENABLE.0=1");
+    db_util_tr140_conf_record_new_sn("B", 1);
+    EXPECT_EQ(history(), join({record(0, "A", 1), record(1, "B", 1)}));
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("B"), 1);
+}
+
+TEST(HistoryFile, AppendAfterCompleteLastLineAddsNoEmptyLine) {
+    testing_support::Seams seams;
+    set_history(5);
+    write_history(record(0, "A", 1));
+    db_util_tr140_conf_record_new_sn("B", 1);
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH),
+              "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=\nUSBMGR.0.ENABLE.0=1\n"
+              "USBMGR.1.SERIAL_NUMBER=B\nUSBMGR.1.PNAME=\nUSBMGR.1.NAME.0=\nUSBMGR.1.ENABLE.0=1\n");
+}
+
+TEST(HistoryFile, KeptLineHoldingANulByteIsCopiedByteForByte) {
+    testing_support::Seams seams;
+    const std::string odd("USBMGR.0.PNAME=a\0b\n", 19);
+    const std::string text = "USBMGR.0.SERIAL_NUMBER=A\n" + odd + "USBMGR.0.NAME.0=\nUSBMGR.0.ENABLE.0=1\n" +
+                             "USBMGR.1.SERIAL_NUMBER=B\nUSBMGR.1.PNAME=\n";
+    testing_support::write_file(TR140_CONF_PATH, text);
+    db_util_set_tr140_physical_name("B", "Backup");
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH),
+              "USBMGR.0.SERIAL_NUMBER=A\n" + odd + "USBMGR.0.NAME.0=\nUSBMGR.0.ENABLE.0=1\n" +
+                  "USBMGR.1.SERIAL_NUMBER=B\nUSBMGR.1.PNAME=Backup\n");
+}
+
+TEST(HistoryFile, DeleteKeepsLinesWithNulBytesAndLinesLongerThanOneRead) {
+    testing_support::Seams seams;
+    const std::string nul("junk\0junk\n", 10);
+    const std::string longline = "USBMGR.1.NAME.0=" + std::string(300, 'x') + "\n";
+    testing_support::write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=A\n" + nul + longline +
+                                                     "USBMGR.0.PNAME=\nUSBMGR.1.SERIAL_NUMBER=B\n");
+    db_util_tr140_conf_delete_device(0);
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH), nul + longline + "USBMGR.1.SERIAL_NUMBER=B\n");
+}
+
+TEST(HistoryFile, SetterOnFileWhoseLastLineHasNoNewlineLeavesItAsItWas) {
+    testing_support::Seams seams;
+    testing_support::write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=");
+    db_util_set_tr140_volume_info("A", "sda1", 0, "x");
+    // The cut NAME line has a new value now; nothing is glued to it.
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH),
+              "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=x\n");
+}
+
+// ---------------------------------------------------------------------------
+// The shared line filter
+
+TEST(HistoryFilter, KeepsDropsReplacesAndInsertsAsTheFilterDecides) {
+    testing_support::Seams seams;
+    write_history(join({record(0, "A", 1), record(1, "B", 1)}));
+    EXPECT_EQ(db_util_tr140_conf_filter_lines([](const Tr140FilterLine& line, Tr140FilterOut& out) {
+                  if (line.parts.device_id == 1) return;  // dropped
+                  if (std::strcmp(line.key, "USBMGR.0.PNAME") == 0) {
+                      out.line("USBMGR.0.PNAME=%s\n", "Disk");
+                      return;
+                  }
+                  out.keep(line);
+                  if (std::strcmp(line.key, "USBMGR.0.ENABLE.0") == 0)
+                      out.line("USBMGR.0.USER_ACCESS.0.USERREFERENCE.0=StorageService.0.UserAccess.%d\n", 3);
+              }),
+              0);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=A", "USBMGR.0.PNAME=Disk", "USBMGR.0.NAME.0=",
+                                "USBMGR.0.ENABLE.0=1",
+                                "USBMGR.0.USER_ACCESS.0.USERREFERENCE.0=StorageService.0.UserAccess.3"}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kMv}));
+    EXPECT_FALSE(testing_support::file_exists(TR140_TEMP_PATH));
+}
+
+TEST(HistoryFilter, LineInsertedAfterALastLineWithoutNewlineStartsOnAFreshLine) {
+    testing_support::Seams seams;
+    testing_support::write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.0.ENABLE.0=1");
+    db_util_tr140_conf_filter_lines([](const Tr140FilterLine& line, Tr140FilterOut& out) {
+        out.keep(line);
+        if (line.parts.item == std::string("ENABLE")) out.line("USBMGR.0.USER_ACCESS.0.PERMISSIONS.0=%d\n", 2);
+    });
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH),
+              "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.0.ENABLE.0=1\nUSBMGR.0.USER_ACCESS.0.PERMISSIONS.0=2\n");
+}
+
+TEST(HistoryFilter, LineThatWouldNotFitIsNotWritten) {
+    testing_support::Seams seams;
+    write_history({"USBMGR.0.SERIAL_NUMBER=A"});
+    bool written = true;
+    db_util_tr140_conf_filter_lines([&](const Tr140FilterLine& line, Tr140FilterOut& out) {
+        out.keep(line);
+        written = out.line("USBMGR.0.PNAME=%s\n", std::string(120, 'n').c_str());
+    });
+    EXPECT_FALSE(written);
+    EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=A"}));
+}
+
+TEST(HistoryFilter, MissingHistoryFileChangesNothing) {
+    testing_support::Seams seams;
+    int calls = 0;
+    EXPECT_EQ(db_util_tr140_conf_filter_lines([&](const Tr140FilterLine&, Tr140FilterOut&) { ++calls; }), -1);
+    EXPECT_EQ(calls, 0);
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_FALSE(testing_support::file_exists(TR140_TEMP_PATH));
+}
+
+// ---------------------------------------------------------------------------
+// Walks over ids bounded by the file, not by the ids' values
+
+TEST(HistoryKeys, DeviceIdBySerialWithIdsOfMinAndMaxIntAnswersAtOnce) {
+    testing_support::Seams seams;
+    write_history({"USBMGR.-2147483648.SERIAL_NUMBER=A", "USBMGR.5.SERIAL_NUMBER=C",
+                   "USBMGR.2147483647.SERIAL_NUMBER=B"});
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("B"), INT_MAX);
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("A"), INT_MIN);
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("C"), 5);
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("Z"), -1);
+}
+
+TEST(HistoryKeys, DeviceIdBySerialAnswersTheLowestIdWhoseFirstKeyLineHoldsIt) {
+    testing_support::Seams seams;
+    // Id 1's key answers X (its first line); 01 is not the key of id 1.
+    write_history({"USBMGR.0.PNAME=", "USBMGR.1.SERIAL_NUMBER=X", "USBMGR.4.SERIAL_NUMBER=B",
+                   "USBMGR.1.SERIAL_NUMBER=B", "USBMGR.01.SERIAL_NUMBER=B", "USBMGR.3.SERIAL_NUMBER=B",
+                   "USBMGR.9.PNAME="});
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("B"), 3);
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("X"), 1);
+}
+
+TEST(HistoryKeys, DeviceIdBySerialOutsideTheIdsOfFirstAndLastLineIsNotFound) {
+    testing_support::Seams seams;
+    write_history({"USBMGR.2.SERIAL_NUMBER=A", "USBMGR.7.SERIAL_NUMBER=B", "USBMGR.5.PNAME="});
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("A"), 2);
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number("B"), -1);
+}
+
+TEST(HistoryKeys, FindSerialWithHistoryCapacityOfMaxIntAnswersAtOnce) {
+    testing_support::Seams seams;
+    set_history(INT_MAX);
+    write_history(join({record(7, "A", 1), record(2147483000, "B", 1)}));
+    EXPECT_EQ(db_util_tr140_conf_find_sn("A"), 7);
+    EXPECT_EQ(db_util_tr140_conf_find_sn("B"), 2147483000);
+    EXPECT_EQ(db_util_tr140_conf_find_sn("Z"), -1);
+}
+
+TEST(HistoryKeys, CountVolumesWithHistoryCapacityOfMaxIntCountsTheNames) {
+    testing_support::Seams seams;
+    set_history(INT_MAX);
+    write_history(record(3, "A", 3));
+    EXPECT_EQ(db_util_tr140_conf_count_volumes(3), 3);
+    EXPECT_EQ(db_util_tr140_conf_count_volumes(4), 0);
+}
+
+TEST(HistoryRecord, NewDiskWithHistoryCapacityOfMaxIntIsRecordedAtOnce) {
+    testing_support::Seams seams;
+    set_history(INT_MAX);
+    write_history(record(5, "A", 1));
+    db_util_tr140_conf_record_new_sn("B", 1);
+    db_util_tr140_conf_record_new_sn("A", 1);
+    EXPECT_EQ(history(), join({record(5, "A", 1), record(6, "B", 1)}));
+}
+
+TEST(HistoryRecord, FirstLineWithIdOfMinIntCountsAsAFirstId) {
+    testing_support::Seams seams;
+    set_history(INT_MAX);
+    write_history({"USBMGR.-2147483648.SERIAL_NUMBER=A", "USBMGR.-2147483648.PNAME=", "USBMGR.3.PNAME="});
+    db_util_tr140_conf_record_new_sn("B", 0);
+    // 3 - (-2147483648) + 1 fills the capacity: the first record goes, B follows the last line.
+    EXPECT_EQ(history(), (Lines{"USBMGR.3.PNAME=", "USBMGR.4.SERIAL_NUMBER=B", "USBMGR.4.PNAME="}));
 }

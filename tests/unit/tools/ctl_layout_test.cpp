@@ -112,3 +112,11 @@ TEST(CtlLayout, LayoutProblemNamesAnOverlapAGapAndAFieldOutsideTheStruct) {
     const Field pad[] = {{"(padding)", 4, FieldType::STR, 4}};
     EXPECT_EQ(usbmgrctl::layout_problem(Layout{1, 8, gap, 1, pad, 1}), nullptr);
 }
+
+TEST(CtlLayout, FieldNameMatchesExactlyBeforeIgnoringCase) {
+    const Layout* l = usbmgrctl::find_layout(20);
+    ASSERT_NE(l, nullptr);
+    EXPECT_EQ(usbmgrctl::find_field(*l, "status")->type, FieldType::I32);
+    EXPECT_EQ(usbmgrctl::find_field(*l, "Status")->type, FieldType::STR);
+    EXPECT_STREQ(usbmgrctl::find_field(*l, "VENDOR")->name, "Vendor");
+}

@@ -4,14 +4,18 @@
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
+#include <map>
 #include <fstream>
+#include <functional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -200,20 +204,21 @@ TEST(Signals, IgnoredSigtermStaysIgnored) {
 
 namespace {
 
-// Runs the shutdown in a child and returns the commands it ran that were
-// not file commands (those really run), one per line.
-std::vector<std::string> shutdown_commands(int* status) {
+// Runs the shutdown in a child and returns every command it ran, one per
+// line (file commands really run; respond answers the others).
+std::vector<std::string> shutdown_commands(int* status,
+                                           std::function<std::string(const std::string&)> respond = nullptr) {
     int fds[2];
     if (pipe(fds) != 0) return {};
     *status = in_child([&] {
         close(fds[0]);
         testing_support::FakeRunner runner;
-        runner.pass_through = [](const std::string& t) { return t.rfind("rm /var/dev", 0) == 0; };
-        runner.respond = [&](const std::string& t) {
+        runner.pass_through = [&](const std::string& t) {
             std::string line = t + "\n";
             (void)!write(fds[1], line.data(), line.size());
-            return std::string();
+            return t.rfind("rm ", 0) == 0;
         };
+        runner.respond = [&](const std::string& t) { return respond ? respond(t) : std::string(); };
         usbmgr::set_runner(&runner);
         usbmgr_shutdown();
     });
@@ -266,4 +271,312 @@ TEST(Shutdown, WithoutMarkerEveryShAndGettyIsKilled) {
         kill(p, SIGKILL);
         waitpid(p, nullptr, 0);
     }
+}
+
+TEST(Shutdown, WithDevelopMarkerAndADiskMountedTheDiskIsStillUnmountedAndDevEmptied) {
+    Seams seams;
+    std::strcpy(MOUNT_DISK_PATH, "/tmp/disk");
+    write_file("/tmp/usbmgrd_develop", "");
+    write_file("/var/dev/sda", "");
+    write_file("/var/dev/sda1", "");
+    ASSERT_EQ(mkdir("/tmp/disk", 0755), 0);
+    ASSERT_EQ(mkdir("/tmp/disk/sda1", 0755), 0);
+    pid_t getty = spawn_named("getty");
+    pid_t sh = spawn_named("sh");
+    const std::string check = "mount | grep \"/tmp/disk\" | awk -F \"[ ]\" '{print $3}' 2>&1";
+    int status = -1;
+    auto cmds = shutdown_commands(&status, [&](const std::string& t) {
+        return t == check ? std::string("/tmp/disk/sda1\n") : std::string();
+    });
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(contains(cmds, "umount /tmp/disk/sda1"));
+    EXPECT_TRUE(contains(cmds, "rm -R /tmp/disk/sda1"));
+    EXPECT_LT(index_of(cmds, check), index_of(cmds, "umount /tmp/disk/sda1"));
+    EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda1"));
+    EXPECT_TRUE(contains(cmds, "rm /var/dev/*"));
+    EXPECT_FALSE(testing_support::file_exists("/var/dev/sda"));
+    EXPECT_FALSE(testing_support::file_exists("/var/dev/sda1"));
+    for (const auto& c : cmds) EXPECT_EQ(c.rfind("kill", 0), std::string::npos) << c;
+    // Both are still there to be killed by the test.
+    EXPECT_EQ(kill(getty, 0), 0);
+    EXPECT_EQ(kill(sh, 0), 0);
+    for (pid_t p : {getty, sh}) {
+        kill(p, SIGKILL);
+        waitpid(p, nullptr, 0);
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Whole start-up runs: the daemon's main in a forked process, its daemon
+// child adopted by the test's own forked child so that both statuses are seen.
+
+namespace {
+
+constexpr const char kLog[] = "/tmp/daemon.log";
+constexpr const char kCalls[] = "/tmp/daemon.calls";
+constexpr const char kStatuses[] = "/tmp/daemon.statuses";
+
+int g_calls_fd = -1;
+
+// One line "PID TEXT" in the calls file, from whichever process.
+void record(const std::string& text) {
+    std::string line = std::to_string(getpid()) + " " + text + "\n";
+    (void)!write(g_calls_fd, line.data(), line.size());
+}
+
+struct Entry {
+    int pid;
+    std::string text;
+};
+
+// "PID rest" lines of a file; for the log, rest is "LEVEL TEXT".
+std::vector<Entry> entries(const std::string& path) {
+    std::vector<Entry> out;
+    for (const auto& line : testing_support::read_lines(path)) {
+        auto sp = line.find(' ');
+        if (sp == std::string::npos) continue;
+        out.push_back({std::atoi(line.substr(0, sp).c_str()), line.substr(sp + 1)});
+    }
+    return out;
+}
+
+struct DaemonRun {
+    int parent_pid = -1;
+    int daemon_pid = -1;
+    int parent = -1;  // exit status of the process that ran main and waited
+    int daemon = -1;  // exit status of the daemon child
+    std::vector<Entry> log;    // "LEVEL TEXT" of both processes, in order
+    std::vector<Entry> calls;  // "bus NAME" and "run COMMAND" of both, in order
+
+    // Texts the daemon child logged (without the level), in order.
+    std::vector<std::string> daemon_log() const {
+        std::vector<std::string> out;
+        for (const auto& e : log)
+            if (e.pid == daemon_pid) out.push_back(e.text.substr(e.text.find(' ') + 1));
+        return out;
+    }
+    bool daemon_logged(const std::string& text, int level) const {
+        for (const auto& e : log)
+            if (e.pid == daemon_pid && e.text == std::to_string(level) + " " + text) return true;
+        return false;
+    }
+    std::vector<std::string> daemon_calls() const {
+        std::vector<std::string> out;
+        for (const auto& e : calls)
+            if (e.pid == daemon_pid) out.push_back(e.text);
+        return out;
+    }
+};
+
+// setup runs in the process that calls main, just before it; the fake bus
+// and the runner record into the calls file.
+template <typename Setup>
+DaemonRun run_daemon(Seams& seams, Setup setup) {
+    write_file(USBMGR_CONF_PATH, factory_text());
+    in_child([&] {
+        prctl(PR_SET_CHILD_SUBREAPER, 1);
+        const int log_fd = ::open(kLog, O_WRONLY | O_CREAT | O_APPEND, 0644);
+        g_calls_fd = ::open(kCalls, O_WRONLY | O_CREAT | O_APPEND, 0644);
+        const pid_t main_pid = fork();
+        if (main_pid == 0) {
+            usbmgr::set_clock(nullptr);
+            fake::bus().log_fd = log_fd;
+            fake::bus().on_call = [](const char* name) { record(std::string("bus ") + name); };
+            seams.runner.pass_through = [](const std::string& t) {
+                record("run " + t);
+                return testing_support::is_file_command(t);
+            };
+            setup();
+            const char* argv[] = {"usbmgrd", "debug", nullptr};
+            _exit(usbmgr_main(2, const_cast<char**>(argv)) & 0xff);
+        }
+        std::string statuses;
+        for (;;) {
+            int st = 0;
+            const pid_t p = waitpid(-1, &st, 0);
+            if (p < 0) {
+                if (errno == EINTR) continue;
+                break;
+            }
+            const int code = WIFEXITED(st) ? WEXITSTATUS(st) : 1000 + WTERMSIG(st);
+            statuses += std::to_string(p) + " " + std::to_string(code) + (p == main_pid ? " main" : "") + "\n";
+        }
+        write_file(kStatuses, statuses);
+        _exit(0);
+    });
+    DaemonRun run;
+    run.log = entries(kLog);
+    run.calls = entries(kCalls);
+    for (const auto& e : run.log)
+        if (e.text == "0 ORB usb mgt daemon is running") run.daemon_pid = e.pid;
+    for (const auto& e : entries(kStatuses)) {
+        const int code = std::atoi(e.text.c_str());
+        if (e.text.find(" main") != std::string::npos) {
+            run.parent_pid = e.pid;
+            run.parent = code;
+        } else if (e.pid == run.daemon_pid) {
+            run.daemon = code;
+        }
+    }
+    return run;
+}
+
+bool has(const std::vector<std::string>& v, const std::string& s) { return contains(v, s); }
+
+}  // namespace
+
+TEST(Startup, CommandTableFailureIsAnErrorEndWithStatus255) {
+    Seams seams;
+    auto run = run_daemon(seams, [] { fake::bus().set_cmd_code = ORBIIL_TX_FAIL; });
+    EXPECT_EQ(run.parent, 0);  // readiness came before the tables
+    EXPECT_EQ(run.daemon, 255);
+    EXPECT_TRUE(run.daemon_logged("fail to OrbIilSetCmdHandler(), ret = TX_FAIL", 1));
+    EXPECT_TRUE(run.daemon_logged("ORB fault mgt daemon is terminated with error", 0));
+    EXPECT_FALSE(has(run.daemon_calls(), "bus OrbIilSetEvtHandler"));
+    EXPECT_FALSE(has(run.daemon_calls(), "bus OrbIilReset"));
+}
+
+TEST(Startup, EventTableFailureEndsTheChildWithStatusZeroAndNoReset) {
+    Seams seams;
+    auto run = run_daemon(seams, [] { fake::bus().set_evt_code = ORBIIL_BAD_PARAM; });
+    EXPECT_EQ(run.parent, 0);
+    EXPECT_EQ(run.daemon, 0);
+    EXPECT_TRUE(run.daemon_logged("fail to OrbIilSetEvtHandler(), ret = BAD_PARAM", 0));
+    EXPECT_FALSE(has(run.daemon_log(), "ORB fault mgt daemon is terminated with error"));
+    EXPECT_FALSE(has(run.daemon_log(), "ORB fault mgt daemon is terminated"));
+    EXPECT_FALSE(has(run.daemon_calls(), "bus OrbIilIssueEvent"));
+    EXPECT_FALSE(has(run.daemon_calls(), "bus OrbIilReset"));
+}
+
+TEST(Startup, IssueFailureEndsTheChildWithStatus255WithoutTheErrorEnd) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        fake::bus().issue_fail_at = 2;
+        fake::bus().issue_code = ORBIIL_TX_FAIL;
+    });
+    EXPECT_EQ(run.daemon, 255);
+    EXPECT_TRUE(run.daemon_logged("fail to usbmgr_issue_event()", 0));
+    EXPECT_FALSE(has(run.daemon_log(), "ORB fault mgt daemon is terminated with error"));
+    EXPECT_FALSE(has(run.daemon_calls(), "bus OrbIilSubscribeEvent"));
+}
+
+TEST(Startup, SubscriptionFailureLogsOkAsItsCodeAndEndsTheChildWithStatusZero) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        fake::bus().subscribe_fail_at = 1;
+        fake::bus().subscribe_code = ORBIIL_TX_FAIL;
+    });
+    EXPECT_EQ(run.parent, 0);
+    EXPECT_EQ(run.daemon, 0);
+    EXPECT_TRUE(run.daemon_logged("fail to usbmgr_subscribe_event(), ret = OK", 0));
+    EXPECT_FALSE(has(run.daemon_log(), "start_inotify"));
+    EXPECT_FALSE(has(run.daemon_calls(), "bus OrbIilReset"));
+}
+
+TEST(Startup, ResetFailureAfterTheBusStopsLogsItsCodeAndIsAnErrorEnd) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        fake::bus().running_polls = 1;
+        fake::bus().reset_code = ORBIIL_ERR;
+    });
+    EXPECT_EQ(run.parent, 0);
+    EXPECT_EQ(run.daemon, 255);
+    auto log = run.daemon_log();
+    EXPECT_TRUE(run.daemon_logged("fail to OrbIilReset(), ret = ERR", 1));
+    EXPECT_LT(index_of(log, "fail to OrbIilReset(), ret = ERR"),
+              index_of(log, "ORB fault mgt daemon is terminated with error"));
+    EXPECT_FALSE(has(log, "ORB fault mgt daemon is terminated"));
+}
+
+TEST(Startup, DeferredWorkerThatCannotStartIsAnErrorEnd) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        // The parent's wake-up exists; after it no descriptor can be made any
+        // more, so the worker's wake-up cannot exist.
+        usbmgr_install_termination_handlers();
+        rlimit none{0, 0};
+        setrlimit(RLIMIT_NOFILE, &none);
+    });
+    EXPECT_EQ(run.parent, 255);  // the child died before it was ready
+    EXPECT_EQ(run.daemon, 255);
+    auto log = run.daemon_log();
+    EXPECT_TRUE(run.daemon_logged("fail to usbmgr_deferred_init()", 0));
+    EXPECT_GT(index_of(log, "ORB fault mgt daemon is terminated with error"),
+              index_of(log, "fail to usbmgr_deferred_init()"));
+    EXPECT_FALSE(has(run.daemon_calls(), "bus OrbIilInit"));
+}
+
+TEST(Startup, SigtermDuringStartUpThatThenFailsRunsTheShutdown) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        fake::bus().set_cmd_code = ORBIIL_TX_FAIL;
+        fake::bus().on_call = [](const char* name) {
+            record(std::string("bus ") + name);
+            if (std::strcmp(name, "OrbIilSetCmdHandler") == 0) raise(SIGTERM);
+        };
+    });
+    EXPECT_EQ(run.daemon, 0);
+    auto log = run.daemon_log();
+    EXPECT_TRUE(has(log, "fail to OrbIilSetCmdHandler(), ret = TX_FAIL"));
+    EXPECT_FALSE(has(log, "ORB fault mgt daemon is terminated with error"));
+    auto calls = run.daemon_calls();
+    EXPECT_TRUE(has(calls, "bus OrbIilReset"));
+    EXPECT_TRUE(has(calls, "run mount | grep \"/tmp/disk\" | awk -F \"[ ]\" '{print $3}' 2>&1"));
+    EXPECT_TRUE(has(calls, "run rm /var/dev/*"));
+}
+
+TEST(Startup, SigtermDuringStartUpThatThenEndsWithStatusZeroRunsTheShutdown) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        fake::bus().set_evt_code = ORBIIL_TX_FAIL;
+        fake::bus().on_call = [](const char* name) {
+            record(std::string("bus ") + name);
+            if (std::strcmp(name, "OrbIilInit") == 0) raise(SIGTERM);
+        };
+    });
+    EXPECT_EQ(run.daemon, 0);
+    EXPECT_TRUE(run.daemon_logged("fail to OrbIilSetEvtHandler(), ret = TX_FAIL", 0));
+    auto calls = run.daemon_calls();
+    EXPECT_TRUE(has(calls, "bus OrbIilReset"));
+    EXPECT_TRUE(has(calls, "run rm /var/dev/*"));
+}
+
+TEST(Startup, SigtermThatComesAsTheBusStopsStillRunsTheShutdown) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        fake::bus().running_polls = 0;
+        fake::bus().on_call = [](const char* name) {
+            record(std::string("bus ") + name);
+            if (std::strcmp(name, "OrbIilIsRunning") == 0) raise(SIGTERM);
+        };
+    });
+    EXPECT_EQ(run.daemon, 0);
+    EXPECT_FALSE(has(run.daemon_log(), "ORB fault mgt daemon is terminated"));
+    auto calls = run.daemon_calls();
+    EXPECT_EQ(std::count(calls.begin(), calls.end(), "bus OrbIilReset"), 1);
+    EXPECT_TRUE(has(calls, "run rm /var/dev/*"));
+}
+
+TEST(Signals, SigintSentToTheWaitingParentChangesNothing) {
+    Seams seams;
+    auto run = run_daemon(seams, [] {
+        fake::bus().running_polls = 1;
+        fake::bus().on_call = [](const char* name) {
+            record(std::string("bus ") + name);
+            if (std::strcmp(name, "OrbIilInit") != 0) return;
+            // Once the parent waits, interrupt it, then report readiness as usual.
+            const std::string waiting = std::to_string(getppid()) + " 4 keep waiting";
+            for (int i = 0; i < 200; ++i) {
+                if (contains(testing_support::read_lines(kLog), waiting)) break;
+                usleep(50000);
+            }
+            kill(getppid(), SIGINT);
+        };
+    });
+    EXPECT_EQ(run.parent, 0);
+    EXPECT_EQ(run.daemon, 0);
+    EXPECT_TRUE(has(run.daemon_log(), "ORB fault mgt daemon is terminated"));
+    bool parent_waited = false;
+    for (const auto& e : run.log) parent_waited |= e.pid == run.parent_pid && e.text == "4 keep waiting";
+    EXPECT_TRUE(parent_waited);
 }
