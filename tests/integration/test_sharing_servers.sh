@@ -4,8 +4,9 @@
 # partitions (one disabled in the history file, one named there) and an NTFS
 # disk are plugged, the generated smb.conf passes testparm, smbclient lists
 # one share per enabled volume under its stored name (the device name when
-# there is none) and none for the disabled volume; unplugging a disk removes
-# its share after the reload; minidlnad serves its description with the
+# there is none) and none for the disabled volume; a stored Samba user reads
+# a share through the gateway account's map; unplugging a disk removes its
+# share after the reload; minidlnad serves its description with the
 # configured friendly name. Runs inside scripts/sandbox.sh.
 set -euo pipefail
 . "$USBMGR_SOURCE_DIR/scripts/sandbox-lib.sh" || exit 1
@@ -46,6 +47,11 @@ attach_disk sdb "$work/ntfs.img" >/dev/null
 printf '%s\n' USBMGR.0.SERIAL_NUMBER=SER-SHARE USBMGR.0.PNAME= USBMGR.0.NAME.0= USBMGR.0.ENABLE.0=0 \
     USBMGR.0.NAME.1=Photos USBMGR.0.ENABLE.1=1 >"$history"
 
+# A gateway account that the Samba users map to, and one stored Samba user.
+echo "1:root:root-pw" >/var/config/orbsm.users
+printf '%s\n' USBMGR.SAMBA.USER_NAME.0=alice USBMGR.SAMBA.USER_PASSWORD.0=alice-pw USBMGR.SAMBA.USER_ENABLE.0=1 \
+    >>/var/config/usbmgr.conf
+
 daemon=$(start_daemon debug)
 check "daemon started" [ -n "$daemon" ]
 
@@ -80,6 +86,17 @@ echo "# testparm sections: $sections"
 check "plug: testparm sees the global section and the two shares" [ "$sections" = "[Photos] [global] [sdb1] " ]
 check "plug: smb.conf shares the named volume from its folder" grep -qx '   path = /tmp/disk/sda2' "$smb_conf"
 check "plug: smb.conf names it in the comment" grep -qx '   comment = Photos (sda2) shared disk' "$smb_conf"
+echo hello >/tmp/disk/sda2/hello.txt
+check "users: Samba knows the gateway account and the stored user" \
+    bash -c "pdbedit -L 2>/dev/null | cut -d: -f1 | sort | tr '\n' ' ' | grep -qx 'alice root '"
+# The map sends every stored user to the gateway account, whose password
+# Samba then checks (Samba's behaviour with security = user).
+check "users: alice reads the share with the mapped account's password" \
+    bash -c "smbclient //127.0.0.1/Photos -U 'alice%root-pw' -c 'get hello.txt -' 2>/dev/null | grep -qx hello"
+check "users: a wrong password is refused" \
+    bash -c "! smbclient //127.0.0.1/Photos -U 'alice%wrong' -c ls >/dev/null 2>&1"
+check "users: no anonymous access to a share that is not public" \
+    bash -c "! smbclient //127.0.0.1/Photos -N -c ls >/dev/null 2>&1"
 check "plug: smbd still runs after the reload" running smbd
 check "plug: minidlnad runs again after the reload" wait_for "running minidlnad" 15
 check "plug: minidlnad still serves its description" wait_for "root_desc | grep -qF '<friendlyName>$friendly_name'" 20
