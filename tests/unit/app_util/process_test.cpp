@@ -165,3 +165,17 @@ TEST_F(StopSamba, OnlyNmbdRunningKeepsPollingAndKillsNothing) {
     // One second a poll.
     EXPECT_EQ(seams.clock.sleeps(), std::vector<unsigned long>(8, 500000));
 }
+
+TEST_F(StopMiniDlna, FirstSignalNineComesTwoSecondsAfterTheStopBegan) {
+    Processes p;
+    p.polls_left["minidlnad"] = 10;
+    unsigned long slept = 0;
+    unsigned long slept_at_first_nine = 0;
+    seams.runner.respond = [&](const std::string& t) {
+        if (t == "killall -9 minidlnad" && slept_at_first_nine == 0) slept_at_first_nine = slept;
+        return p.respond(t);
+    };
+    seams.clock.on_sleep = [&](unsigned long us) { slept += us; };
+    app_util_stop_minidllna();
+    EXPECT_EQ(slept_at_first_nine, 2000000u);
+}
