@@ -303,11 +303,10 @@ int cmd_tree(int argc, char** argv) {
     bool json = false;
     std::vector<std::string> args = take_args(argc, argv, json);
     int64_t service = 0;
-    for (std::size_t i = 0; i < args.size(); ++i) {
+    for (std::size_t i = 0; i < args.size(); i += 2) {
         if (args[i] == "--service" && i + 1 < args.size()) {
             if (!usbmgrctl::parse_number(args[i + 1].c_str(), INT32_MIN, INT32_MAX, service))
                 return usage_error("bad --service '%s'", args[i + 1].c_str());
-            ++i;
         } else {
             return usage_error("unknown tree option '%s'", args[i].c_str());
         }
