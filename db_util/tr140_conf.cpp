@@ -10,6 +10,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <string>
 #include <memory>
 
 #include "app_util/app_util.h"
@@ -59,6 +60,22 @@ std::size_t read_piece(FILE* f, char (&buf)[DB_UTIL_LINE_SIZE]) {
     }
     buf[n] = '\0';
     return n;
+}
+
+// The rest of a line whose first piece (head, head_len bytes, no newline)
+// filled a read: whole becomes the line up to and with its newline, at most
+// kMaxLineSize bytes (a longer line goes on as lines of its own). False when
+// the head was the file's last bytes.
+constexpr std::size_t kMaxLineSize = 1 << 20;
+bool read_rest_of_line(FILE* f, const char* head, std::size_t head_len, std::string& whole) {
+    whole.assign(head, head_len);
+    while (whole.size() < kMaxLineSize) {
+        const int c = getc_unlocked(f);
+        if (c == EOF) break;
+        whole.push_back(static_cast<char>(c));
+        if (c == '\n') break;
+    }
+    return whole.size() > head_len;
 }
 
 // The key a lookup of a device's line would be made with ("USBMGR.%d.%s"),
@@ -292,9 +309,17 @@ int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context) {
     if (!out) return -1;
     Tr140FilterOut writer(out.get());
     char line[DB_UTIL_LINE_SIZE];
+    std::string whole;
     while (std::size_t len = read_piece(in.get(), line)) {
         Tr140FilterLine parsed{line, len, {}, {}, {}};
         parse_line(line, parsed);
+        // A line longer than one read is judged by its first piece and goes
+        // whole: judged piece by piece, a kept head whose tail was dropped
+        // lost its newline and swallowed the next line.
+        if (line[len - 1] != '\n' && read_rest_of_line(in.get(), line, len, whole)) {
+            parsed.raw = whole.data();
+            parsed.raw_len = whole.size();
+        }
         filter(parsed, writer, context);
     }
     in.reset();

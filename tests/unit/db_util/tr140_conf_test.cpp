@@ -549,6 +549,18 @@ TEST(HistoryFile, DeleteKeepsLinesWithNulBytesAndLinesLongerThanOneRead) {
     EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH), nul + longline + "USBMGR.1.SERIAL_NUMBER=B\n");
 }
 
+// Found by fuzzing: the tail of a long line of device 1 reads as a line of
+// device 0; deleting device 0 dropped the tail with the line's newline.
+TEST(HistoryFile, DeleteKeepsALongLineWholeWhenItsTailReadsAsALineOfTheDeletedDevice) {
+    testing_support::Seams seams;
+    const std::string longline = "USBMGR.1.PNAME=" + std::string(240, 'x') + "USBMGR.0.NAME.0=y\n";
+    testing_support::write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.1.SERIAL_NUMBER=B\n" + longline +
+                                                     "USBMGR.1.NAME.0=\nUSBMGR.1.ENABLE.0=1\n");
+    db_util_tr140_conf_delete_device(0);
+    EXPECT_EQ(testing_support::read_file(TR140_CONF_PATH),
+              "USBMGR.1.SERIAL_NUMBER=B\n" + longline + "USBMGR.1.NAME.0=\nUSBMGR.1.ENABLE.0=1\n");
+}
+
 TEST(HistoryFile, SetterOnFileWhoseLastLineHasNoNewlineLeavesItAsItWas) {
     testing_support::Seams seams;
     testing_support::write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=A\nUSBMGR.0.PNAME=\nUSBMGR.0.NAME.0=");
