@@ -39,11 +39,19 @@ constexpr bool usbmgr_command_ids_ascending() {
 }
 static_assert(usbmgr_command_ids_ascending());
 
-// Row of command id, or nullptr; usable at compile time.
+// Position of command id in the list, or -1; usable at compile time.
+// Compile-time checks use the position, not a pointer: GCC does not fold a
+// comparison of an object's address with nullptr when sanitizers are on.
+constexpr int usbmgr_command_index(uint32_t id) {
+    for (int i = 0; i < USBMGR_COMMAND_COUNT; ++i)
+        if (usbmgr_command_info[i].id == id) return i;
+    return -1;
+}
+
+// Row of command id, or nullptr.
 constexpr const UsbmgrCommandInfo* usbmgr_command_find(uint32_t id) {
-    for (const auto& c : usbmgr_command_info)
-        if (c.id == id) return &c;
-    return nullptr;
+    int i = usbmgr_command_index(id);
+    return i < 0 ? nullptr : &usbmgr_command_info[i];
 }
 
 #endif

@@ -134,8 +134,12 @@ int usbmgr_init() {
 
 void usbmgr_daemon_control_handler(int sig) {
     int saved = errno;
-    usbmgr_daemon_signalled = 1;
+    // The first of SIGALRM and SIGCHLD decides: a child that reported
+    // readiness and then ended at once (a registration failure that exits
+    // 0) was still ready, whichever signal the parent saw last.
+    if (usbmgr_daemon_signalled) return;
     usbmgr_daemon_ready = sig == SIGALRM ? 1 : 0;
+    usbmgr_daemon_signalled = 1;
     wake_main_thread();
     errno = saved;
 }

@@ -21,9 +21,10 @@
 template <uint32_t Id, typename Payload, void (*Handler)(Payload&)>
 int usbmgr_dispatch(OrbIilHandle*, uint32_t, uint32_t len, void* payload) {
     static_assert(std::is_trivially_copyable_v<Payload>);
-    constexpr const UsbmgrCommandInfo* info = usbmgr_command_find(Id);
-    static_assert(info != nullptr, "command not in the list");
-    static_assert(info->size == sizeof(Payload), "declared size is not that of the payload struct");
+    constexpr int row = usbmgr_command_index(Id);
+    static_assert(row >= 0, "command not in the list");
+    static_assert(usbmgr_command_info[row].size == sizeof(Payload), "declared size is not that of the payload struct");
+    const UsbmgrCommandInfo* info = &usbmgr_command_info[row];
     static constexpr const char kLogModule[] = "usbmgrd.c";
 
     Payload cmd{};

@@ -144,6 +144,21 @@ TEST(Startup, ChildThatDiesBeforeReadinessMakesTheParentExit255) {
     EXPECT_TRUE(contains(lines, "ORB fault mgt daemon is terminated with error"));
 }
 
+TEST(Startup, ReadinessFollowedAtOnceByTheChildsEndStillCountsAsReady) {
+    usbmgr_daemon_signalled = 0;
+    usbmgr_daemon_ready = 0;
+    usbmgr_daemon_control_handler(SIGALRM);
+    usbmgr_daemon_control_handler(SIGCHLD);  // the child ended right after
+    EXPECT_EQ(usbmgr_daemon_signalled, 1);
+    EXPECT_EQ(usbmgr_daemon_ready, 1);
+    usbmgr_daemon_signalled = 0;
+    usbmgr_daemon_ready = 0;
+    usbmgr_daemon_control_handler(SIGCHLD);  // died first: not ready
+    usbmgr_daemon_control_handler(SIGALRM);
+    EXPECT_EQ(usbmgr_daemon_ready, 0);
+    usbmgr_daemon_signalled = 0;
+}
+
 TEST(Startup, ParentExitsZeroOnceTheChildIsOnTheBusAndTheChildRegistersInOrder) {
     Seams seams;
     write_file(USBMGR_CONF_PATH, factory_text());
