@@ -5,6 +5,7 @@
 #ifndef USBMGR_BENCH_SUPPORT_H
 #define USBMGR_BENCH_SUPPORT_H
 
+#include <atomic>
 #include <cstddef>
 #include <mutex>
 #include <set>
@@ -23,6 +24,8 @@ bool isolate();
 class TrueRunner final : public usbmgr::CommandRunner {
 public:
     std::vector<std::string> texts() const;
+    // How many command lines so far start with prefix.
+    std::size_t count_starting(const std::string& prefix) const;
     void clear();  // forgets the command lines and the mounts
 
 protected:
@@ -37,10 +40,47 @@ private:
     usbmgr::CommandLine true_ = usbmgr::CommandLine::exec({"/bin/true"});
 };
 
+// Attached storage for the model builder and the read commands: every
+// command costs one real start of /bin/true, and "df -m | grep NAME 2>&1"
+// and "mount | grep NAME 2>&1" answer as the kernel's lines filtered by
+// grep would, for the volumes plugged through plug_world.
+class WorldRunner final : public usbmgr::CommandRunner {
+public:
+    void add_volume(const std::string& name) {
+        std::lock_guard<std::mutex> lock(mutex_);
+        volumes_.insert(name);
+    }
+    std::vector<std::string> texts() const;
+    void clear_texts();
+    // With false, commands are answered without starting anything, which
+    // leaves only the caller's own work to measure.
+    void set_start_programs(bool start) { start_programs_ = start; }
+
+protected:
+    usbmgr::RunResult start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
+                                     const usbmgr::StartedFn& started) override;
+
+private:
+    mutable std::mutex mutex_;
+    std::vector<std::string> texts_;
+    std::set<std::string> volumes_;
+    std::atomic<bool> start_programs_{true};
+    usbmgr::SystemRunner real_;
+    usbmgr::CommandLine true_ = usbmgr::CommandLine::exec({"/bin/true"});
+};
+
+// Fills the device tables as the arrival handler would for `disks` disks
+// (sda, sdb, ...) of `volumes_per_disk` partitions each, makes their nodes
+// in /var/dev and `folders` top folders in each volume under /tmp/disk,
+// and tells the runner about the volumes. Returns the number of volumes.
+int plug_world(WorldRunner& runner, int disks, int volumes_per_disk, int folders);
+
 // Clears the device tables, the ring and the flags, and removes the history file.
 void reset_daemon_state();
 // Mount root /tmp/disk, history of 10, no automatic user access.
 void use_settings();
+// Samba and MiniDLNA enabled as in the factory settings, their files in /tmp.
+void use_server_settings();
 
 }  // namespace bench_support
 

@@ -1,9 +1,11 @@
 #!/bin/bash
 # The whole story on a fresh Debian machine, as root: installs what is
 # needed, builds, and runs a narrated scenario with the real daemon inside
-# the namespace sandbox: a private bus, an ext4 disk with two partitions and
-# an NTFS disk plugged in and out through the hot-plug stand-in, the change
-# notifications, the history file, and the shutdown that unmounts all.
+# the namespace sandbox: a private bus, Samba and MiniDLNA enabled as in the
+# factory settings, an ext4 disk with two partitions and an NTFS disk plugged
+# in and out through the hot-plug stand-in, the change notifications, the
+# history file, the storage service tree read over the bus, the Samba shares
+# listed and a file read through Samba, and the shutdown that unmounts all.
 #
 #   scripts/demo.sh [--build BUILD_DIR] [--skip-build]
 #
@@ -29,6 +31,26 @@ if [ "${1:-}" = --inner ]; then
     demo=/tmp/demo
     mkdir -p "$demo"
     count_kind() { grep -c " kind $1 " "$demo/monitor.out" || true; }
+    setting() { sed -n "s/^$1=//p" /var/config/usbmgr.conf; }
+    # The share names smbclient lists anonymously, one a line.
+    shares() { smbclient -L 127.0.0.1 -N -g 2>/dev/null | awk -F'|' '$1 == "Disk" { print $2 }' | LC_ALL=C sort; }
+    shares_are() { [ "$(shares | tr '\n' ' ')" = "$1" ]; }
+    minidlna_starts() { grep -cF "run command : /sbin/minidlnad" "$ORBIIL_LOG_FILE" || true; }
+
+    heading "Factory settings: Samba and MiniDLNA enabled (/var/config/usbmgr.conf)"
+    grep -E '^USBMGR\.(SAMBA|MINIDLNA)\.(ENABLE|CONF_DIR|FRIENDLY_NAME|PORT|USERNAME_MAP)=' /var/config/usbmgr.conf
+    [ "$(setting USBMGR.SAMBA.ENABLE)" = 1 ] || fail "the factory settings do not enable Samba"
+    [ "$(setting USBMGR.MINIDLNA.ENABLE)" = 1 ] || fail "the factory settings do not enable MiniDLNA"
+
+    heading "A gateway account and a stored Samba user"
+    # The gateway's account file (flag:name:password) and one Samba user in
+    # the settings; the daemon maps every stored Samba user to the gateway
+    # account named by USBMGR.SAMBA.USERNAME_MAP, whose password Samba checks.
+    echo "1:root:demo-pw" >/var/config/orbsm.users
+    printf '%s\n' USBMGR.SAMBA.USER_NAME.0=alice USBMGR.SAMBA.USER_PASSWORD.0=alice-pw \
+        USBMGR.SAMBA.USER_ENABLE.0=1 >>/var/config/usbmgr.conf
+    echo "/var/config/orbsm.users: 1:root:demo-pw"
+    grep '^USBMGR\.SAMBA\.USER_' /var/config/usbmgr.conf
 
     heading "The private message bus"
     echo "ORBIIL_BUS_ADDRESS=$ORBIIL_BUS_ADDRESS"
@@ -37,6 +59,12 @@ if [ "${1:-}" = --inner ]; then
     heading "Starting usbmgrd (log level debug)"
     pid=$(start_daemon debug) || fail "usbmgrd did not start"
     echo "usbmgrd runs as pid $pid and owns org.orbiil.USBMGR_DMON"
+
+    heading "The sharing servers started with the daemon"
+    wait_for "pgrep -x smbd && pgrep -x nmbd && pgrep -x minidlnad" 20 || fail "smbd, nmbd or minidlnad did not start"
+    for p in smbd nmbd minidlnad; do echo "$p runs as pid $(pgrep -o -x "$p")"; done
+    echo "Samba's users (pdbedit -L): $(pdbedit -L 2>/dev/null | cut -d: -f1 | LC_ALL=C sort | tr '\n' ' ')"
+    echo "user map $(setting USBMGR.SAMBA.USERNAME_MAP_DIR): $(cat "$(setting USBMGR.SAMBA.USERNAME_MAP_DIR)" 2>/dev/null)"
 
     heading "busctl introspect org.orbiil.USBMGR_DMON /org/orbiil/USBMGR_DMON"
     busctl --address="$ORBIIL_BUS_ADDRESS" introspect org.orbiil.USBMGR_DMON /org/orbiil/USBMGR_DMON
@@ -59,6 +87,7 @@ if [ "${1:-}" = --inner ]; then
     ls -l /var/dev
 
     heading "Plugging in the ext4 disk (serial DEMO-EXT4) and the NTFS disk (serial DEMO-NTFS)"
+    minidlna_before=$(minidlna_starts)
     usbmgrctl plug --port 1-1 --device sda,sda1,sda2 --serial DEMO-EXT4 --vendor ACME --product "Demo Stick"
     usbmgrctl plug --port 1-2 --device sdb,sdb1 --serial DEMO-NTFS --vendor ACME --product "Demo Drive"
     wait_for '[ "$(count_kind 0)" -ge 2 ]' 10 || fail "no arrival notifications"
@@ -71,6 +100,42 @@ if [ "${1:-}" = --inner ]; then
 
     heading "ls /var/dev"
     ls -l /var/dev
+
+    heading "usbmgrctl tree (the StorageService model, read over the bus with commands 14 to 23)"
+    usbmgrctl tree
+
+    heading "The servers reload once, about 900 ms after the last arrival"
+    wait_for "shares_are 'sda1 sda2 sdb1 '" 30 || fail "the shares sda1, sda2 and sdb1 did not appear"
+    wait_for '[ "$(minidlna_starts)" -gt '"$minidlna_before"' ]' 30 || fail "MiniDLNA was not started again"
+    echo "Samba shares one folder per enabled volume; MiniDLNA serves $(setting USBMGR.MINIDLNA.MEDIA_DIR)"
+    echo "smb.conf ($(setting USBMGR.SAMBA.CONF_DIR)), the share sections:"
+    awk '/^\[/ && $0 != "[global]" { shown = 1 } shown' "$(setting USBMGR.SAMBA.CONF_DIR)"
+
+    heading "smbclient -L 127.0.0.1 -N (the share listing)"
+    smbclient -L 127.0.0.1 -N 2>&1 | sed -n '/Sharename/,/^$/p'
+
+    heading "A file read through Samba"
+    echo "Hello from the ext4 disk" >/tmp/disk/sda1/hello.txt
+    echo "Hello from the NTFS disk" >/tmp/disk/sdb1/hello.txt
+    echo "(alice is mapped to the gateway account root, so she logs in with root's password)"
+    echo "\$ smbclient //127.0.0.1/sda1 -U 'alice%demo-pw' -c 'get hello.txt -'"
+    got=$(smbclient //127.0.0.1/sda1 -U 'alice%demo-pw' -c 'get hello.txt -' 2>/dev/null) || fail "reading sda1 through Samba failed"
+    echo "$got"
+    echo "$got" | grep -qx "Hello from the ext4 disk" || fail "sda1's file did not come back through Samba"
+    echo "\$ smbclient //127.0.0.1/sdb1 -U 'alice%demo-pw' -c 'get hello.txt -'"
+    got=$(smbclient //127.0.0.1/sdb1 -U 'alice%demo-pw' -c 'get hello.txt -' 2>/dev/null) || fail "reading sdb1 through Samba failed"
+    echo "$got"
+    echo "$got" | grep -qx "Hello from the NTFS disk" || fail "sdb1's file did not come back through Samba"
+    echo "\$ smbclient //127.0.0.1/sda1 -U 'alice%wrong' -c 'get hello.txt -'"
+    if smbclient //127.0.0.1/sda1 -U 'alice%wrong' -c 'get hello.txt -' >"$demo/wrong.out" 2>&1; then
+        fail "a wrong password was accepted"
+    fi
+    grep -o 'NT_STATUS_[A-Z_]*' "$demo/wrong.out" | head -n 1 || echo "(refused)"
+
+    heading "MiniDLNA's description (http://127.0.0.1:$(setting USBMGR.MINIDLNA.PORT)/rootDesc.xml)"
+    wait_for "curl -s --max-time 2 http://127.0.0.1:$(setting USBMGR.MINIDLNA.PORT)/rootDesc.xml | grep -q friendlyName" 20 ||
+        fail "minidlnad does not answer"
+    curl -s --max-time 2 "http://127.0.0.1:$(setting USBMGR.MINIDLNA.PORT)/rootDesc.xml" | grep -o '<friendlyName>[^<]*</friendlyName>'
 
     heading "cat /var/config/tr140.conf (the history file)"
     cat /var/config/tr140.conf
@@ -96,9 +161,18 @@ if [ "${1:-}" = --inner ]; then
     heading "Notifications (the last one is the removal, kind 1)"
     cat "$demo/monitor.out"
 
+    heading "smbclient -L 127.0.0.1 -N after the reload (the ext4 disk's shares are gone)"
+    wait_for "shares_are 'sdb1 '" 30 || fail "the ext4 disk's shares did not go"
+    smbclient -L 127.0.0.1 -N 2>&1 | sed -n '/Sharename/,/^$/p'
+    usbmgrctl tree
+
     heading "Stopping usbmgrd with SIGTERM"
     stop_daemon 30 || fail "usbmgrd did not stop"
     echo "usbmgrd has ended"
+    for p in smbd nmbd minidlnad; do
+        ! pgrep -x "$p" >/dev/null || fail "$p still runs"
+    done
+    echo "smbd, nmbd and minidlnad have ended with it"
     kill "$monitor" 2>/dev/null || true
     wait "$monitor" 2>/dev/null || true
 

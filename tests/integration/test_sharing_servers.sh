@@ -89,6 +89,10 @@ check "plug: smb.conf names it in the comment" grep -qx '   comment = Photos (sd
 echo hello >/tmp/disk/sda2/hello.txt
 check "users: Samba knows the gateway account and the stored user" \
     bash -c "pdbedit -L 2>/dev/null | cut -d: -f1 | sort | tr '\n' ' ' | grep -qx 'alice root '"
+check "users: the user map sends the stored user to the gateway account" \
+    grep -qx 'root = alice' "$(conf_setting USBMGR.SAMBA.USERNAME_MAP_DIR)"
+check "users: Samba's password file holds the gateway account and the stored user" \
+    bash -c "cut -d: -f1 /var/samba/smbpasswd | sort | tr '\n' ' ' | grep -qx 'alice root '"
 # The map sends every stored user to the gateway account, whose password
 # Samba then checks (Samba's behaviour with security = user).
 check "users: alice reads the share with the mapped account's password" \
