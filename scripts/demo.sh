@@ -63,8 +63,6 @@ if [ "${1:-}" = --inner ]; then
     heading "The sharing servers started with the daemon"
     wait_for "pgrep -x smbd && pgrep -x nmbd && pgrep -x minidlnad" 20 || fail "smbd, nmbd or minidlnad did not start"
     for p in smbd nmbd minidlnad; do echo "$p runs as pid $(pgrep -o -x "$p")"; done
-    echo "Samba's users (pdbedit -L): $(pdbedit -L 2>/dev/null | cut -d: -f1 | LC_ALL=C sort | tr '\n' ' ')"
-    echo "user map $(setting USBMGR.SAMBA.USERNAME_MAP_DIR): $(cat "$(setting USBMGR.SAMBA.USERNAME_MAP_DIR)" 2>/dev/null)"
 
     heading "busctl introspect org.orbiil.USBMGR_DMON /org/orbiil/USBMGR_DMON"
     busctl --address="$ORBIIL_BUS_ADDRESS" introspect org.orbiil.USBMGR_DMON /org/orbiil/USBMGR_DMON
@@ -111,8 +109,14 @@ if [ "${1:-}" = --inner ]; then
     echo "smb.conf ($(setting USBMGR.SAMBA.CONF_DIR)), the share sections:"
     awk '/^\[/ && $0 != "[global]" { shown = 1 } shown' "$(setting USBMGR.SAMBA.CONF_DIR)"
 
+    heading "Samba's users and the user map"
+    map=$(setting USBMGR.SAMBA.USERNAME_MAP_DIR)
+    echo "Samba's password file /var/samba/smbpasswd knows: $(cut -d: -f1 /var/samba/smbpasswd | LC_ALL=C sort | tr '\n' ' ')"
+    echo "the user map $map: $(cat "$map")"
+    grep -qx "root = alice" "$map" || fail "the user map does not send alice to root"
+
     heading "smbclient -L 127.0.0.1 -N (the share listing)"
-    smbclient -L 127.0.0.1 -N 2>&1 | sed -n '/Sharename/,/^$/p'
+    smbclient -L 127.0.0.1 -N 2>/dev/null | sed -n '/Sharename/,/^$/p'
 
     heading "A file read through Samba"
     echo "Hello from the ext4 disk" >/tmp/disk/sda1/hello.txt
@@ -163,8 +167,10 @@ if [ "${1:-}" = --inner ]; then
 
     heading "smbclient -L 127.0.0.1 -N after the reload (the ext4 disk's shares are gone)"
     wait_for "shares_are 'sdb1 '" 30 || fail "the ext4 disk's shares did not go"
-    smbclient -L 127.0.0.1 -N 2>&1 | sed -n '/Sharename/,/^$/p'
-    usbmgrctl tree
+    smbclient -L 127.0.0.1 -N 2>/dev/null | sed -n '/Sharename/,/^$/p'
+
+    heading "usbmgrctl service 0 (command 15: one disk and one volume left)"
+    usbmgrctl service 0
 
     heading "Stopping usbmgrd with SIGTERM"
     stop_daemon 30 || fail "usbmgrd did not stop"
