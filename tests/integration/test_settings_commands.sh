@@ -31,8 +31,8 @@ minidlna_conf() { conf_setting USBMGR.MINIDLNA.CONF_DIR; }
 desc_on() { curl -s --max-time 2 "http://127.0.0.1:$1/rootDesc.xml" | grep -q '<friendlyName>'; }
 minidlna_starts() { grep -c 'run command : /sbin/minidlnad' "$ORBIIL_LOG_FILE" || true; }
 smbd_starts() { grep -c 'run command : /bin/smbd' "$ORBIIL_LOG_FILE" || true; }
-# The workgroup testparm reads from the generated file.
-workgroup() { testparm -s "$smb_conf" 2>/dev/null | sed -n 's/^[[:space:]]*workgroup = //p'; }
+# The workgroup testparm reads from the generated file (-v: also when it is the default).
+workgroup() { testparm -s -v "$smb_conf" 2>/dev/null | sed -n 's/^[[:space:]]*workgroup = //p'; }
 # Every line of the settings file is one USBMGR key, "=" and its value.
 settings_parseable() {
     [ -s "$settings" ] && [ "$(tail -c 1 "$settings" | od -An -c | tr -d ' ')" = '\n' ] &&
