@@ -21,6 +21,7 @@
 #include "proto/payload.h"
 #include "tools/ctl_layout.h"
 #include "tools/ctl_model.h"
+#include "tools/ctl_sharing.h"
 #include "tools/ctl_text.h"
 
 namespace {
@@ -68,7 +69,8 @@ const char kUsage[] =
     "  usbmgrctl tree [--service N] [--json]\n"
     "      read the whole StorageService tree (service 0 unless given): disks and\n"
     "      volumes of every slot, their folders and user access, and the users\n"
-    "  usbmgrctl help\n";
+    "  usbmgrctl help\n"
+    "settings and Samba users (commands 2 to 12):\n";
 
 int usage_error(const char* fmt, const char* arg) {
     std::fprintf(stderr, "usbmgrctl: ");
@@ -294,6 +296,23 @@ int cmd_read_verb(const usbmgrctl::ReadVerb& verb, int argc, char** argv) {
     bus.close();
     std::string out = json ? usbmgrctl::format_verb_json(verb, code, payload.data(), payload.size()) + "\n"
                            : usbmgrctl::format_verb_text(verb, code, payload.data(), payload.size());
+    std::fputs(out.c_str(), stdout);
+    std::fflush(stdout);
+    return code == ORBIIL_OK ? kExitOk : kExitFail;
+}
+
+int cmd_sharing_verb(const usbmgrctl::SharingVerb& verb, int argc, char** argv) {
+    bool json = false;
+    std::vector<std::string> args = take_args(argc, argv, json);
+    std::vector<unsigned char> payload;
+    std::string error;
+    if (!usbmgrctl::build_sharing_request(verb, args, payload, error)) return usage_error("%s", error.c_str());
+    BusConnection bus;
+    if (open_client(bus) != ORBIIL_OK) return kExitFail;
+    int code = execute(bus, verb.id, payload);
+    bus.close();
+    std::string out = json ? usbmgrctl::format_sharing_json(verb, code, payload.data(), payload.size()) + "\n"
+                           : usbmgrctl::format_sharing_text(verb, code, payload.data(), payload.size());
     std::fputs(out.c_str(), stdout);
     std::fflush(stdout);
     return code == ORBIIL_OK ? kExitOk : kExitFail;
@@ -636,12 +655,12 @@ int cmd_plug(const PlugKind& kind, int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "%s", kUsage);
+        std::fprintf(stderr, "%s%s", kUsage, usbmgrctl::sharing_usage().c_str());
         return kExitUsage;
     }
     const char* sub = argv[1];
     if (std::strcmp(sub, "help") == 0 || std::strcmp(sub, "--help") == 0 || std::strcmp(sub, "-h") == 0) {
-        std::printf("%s", kUsage);
+        std::printf("%s%s", kUsage, usbmgrctl::sharing_usage().c_str());
         return kExitOk;
     }
     if (std::strcmp(sub, "call") == 0) return cmd_call(argc - 2, argv + 2);
@@ -649,6 +668,8 @@ int main(int argc, char** argv) {
     if (std::strcmp(sub, "monitor") == 0) return cmd_monitor(argc - 2, argv + 2);
     if (std::strcmp(sub, "tree") == 0) return cmd_tree(argc - 2, argv + 2);
     if (const usbmgrctl::ReadVerb* verb = usbmgrctl::find_read_verb(sub)) return cmd_read_verb(*verb, argc - 2, argv + 2);
+    if (const usbmgrctl::SharingVerb* verb = usbmgrctl::find_sharing_verb(sub))
+        return cmd_sharing_verb(*verb, argc - 2, argv + 2);
     for (const auto& k : kPlugKinds)
         if (std::strcmp(sub, k.verb) == 0) return cmd_plug(k, argc - 2, argv + 2);
     return usage_error("unknown command '%s'", sub);

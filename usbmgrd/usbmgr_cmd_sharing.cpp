@@ -1,19 +1,267 @@
 // Bus commands 2 to 12: MiniDLNA and Samba settings, the serial login switch
 // and the Samba users. Each handler gets a copy of its payload from the
 // dispatch and answers in place.
+//
+// Commands 2, 3, 4 and 7 work without usbmgr_mutex; the others hold it for
+// their whole work, server starts and stops included.
+#include <cstdlib>
+#include <cstring>
+
+#include "app_util/app_util.h"
+#include "db_util/db_util.h"
+#include "db_util/log.h"
+#include "db_util/str.h"
 #include "usbmgrd/usbmgrd.h"
 
-// These come with the server control and the Samba users; until then they
-// answer nothing and leave the buffer as the request had it.
-void usbmgr_cmd_get_minidlna_conf(MiniDlnaConf&) {}
-void usbmgr_cmd_get_samba_conf(SambaConf&) {}
-void usbmgr_cmd_get_usb_serial_enable(CmdGetUsbSerialEnable&) {}
-void usbmgr_cmd_set_minidlna_conf(CmdSetConf&) {}
-void usbmgr_cmd_set_samba_conf(CmdSetConf&) {}
-void usbmgr_cmd_set_usb_serial_enable(CmdSetUsbSerialEnable&) {}
-void usbmgr_cmd_get_samba_number_of_users(CmdNumber&) {}
-void usbmgr_cmd_get_samba_user_info(CmdSambaUserSlot&) {}
-void usbmgr_cmd_add_samba_user(CmdSambaUser&) {}
-void usbmgr_cmd_remove_samba_user(CmdSambaUser&) {}
+namespace {
+
+constexpr const char kLogModule[] = "usbmgrd.c";
+
+// Reload targets of the deferred alarm.
+constexpr int32_t kReloadMiniDlna = 1;
+constexpr int32_t kReloadSamba = 2;
+
+// Status of command 7 when the save reports -1.
+constexpr int32_t kStatusNotSaved = -7;
+
+// A request's text field as a terminated string: the field may lack its NUL,
+// so it is read up to its own end and no further.
+template <std::size_t M>
+struct FieldText {
+    explicit FieldText(const char (&field)[M]) {
+        const std::size_t n = usbmgr::field_len(field);
+        std::memcpy(text, field, n);
+        text[n] = '\0';
+    }
+    char text[M + 1];
+};
+
+// One settable text setting: the name a sender uses and the record field.
+struct TextSetting {
+    const char* name;
+    char* field;
+    std::size_t size;
+};
+
+#define SETTING(name, record, member) TextSetting{name, record.member, sizeof record.member}
+
+const TextSetting kMiniDlnaSettings[] = {
+    SETTING("media_dir", MINIDLNA_CONF, media_dir),
+    SETTING("db_dir", MINIDLNA_CONF, db_dir),
+    SETTING("log_dir", MINIDLNA_CONF, log_dir),
+    SETTING("log_level", MINIDLNA_CONF, log_level),
+    SETTING("root_container", MINIDLNA_CONF, root_container),
+    SETTING("port", MINIDLNA_CONF, port),
+    SETTING("friendly_name", MINIDLNA_CONF, friendly_name),
+    SETTING("serial", MINIDLNA_CONF, serial),
+    SETTING("model_name", MINIDLNA_CONF, model_name),
+    SETTING("model_number", MINIDLNA_CONF, model_number),
+    SETTING("inotify", MINIDLNA_CONF, inotify),
+    SETTING("notify_interval", MINIDLNA_CONF, notify_interval),
+};
+
+// "allow_guests" is the bus name of USERSHARE_ALLOW_GUESTS; the file key's
+// own suffix is not a name here. The configuration file path and the user
+// map cannot be set over the bus.
+const TextSetting kSambaSettings[] = {
+    SETTING("log_file", SAMBA_CONF, log_file),
+    SETTING("max_log_size", SAMBA_CONF, max_log_size),
+    SETTING("log_level", SAMBA_CONF, log_level),
+    SETTING("load_printers", SAMBA_CONF, load_printers),
+    SETTING("printcap_name", SAMBA_CONF, printcap_name),
+    SETTING("printing", SAMBA_CONF, printing),
+    SETTING("security", SAMBA_CONF, security),
+    SETTING("workgroup", SAMBA_CONF, workgroup),
+    SETTING("disable_netbios", SAMBA_CONF, disable_netbios),
+    SETTING("netbios_name", SAMBA_CONF, netbios_name),
+    SETTING("server_string", SAMBA_CONF, server_string),
+    SETTING("allow_guests", SAMBA_CONF, usershare_allow_guests),
+    SETTING("guest_account", SAMBA_CONF, guest_account),
+    SETTING("interfaces", SAMBA_CONF, interfaces),
+    SETTING("bind_interfaces_only", SAMBA_CONF, bind_interfaces_only),
+};
+
+#undef SETTING
+
+enum class SetKind { text, enable, reload, unknown };
+
+// Stores value into its field: cleared to the field's width, then copied,
+// cut (and logged) where it would not leave room for the NUL, control
+// characters made '_' so that the value stays one line of the settings file.
+void store_text(const TextSetting& s, const char* value) {
+    std::memset(s.field, 0, s.size);
+    const std::size_t len = std::strlen(value);
+    if (len >= s.size)
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "value of %s cut to %d characters", s.name, static_cast<int>(s.size - 1));
+    usbmgr::copy_bounded(s.field, s.size, value);
+    usbmgr::sanitize_value_text(s.field, s.size);
+}
+
+// Applies one named setting to its record: a text setting, the enable (the
+// decimal value of the text, as atoi reads it), reload or an unknown name
+// (both change nothing).
+template <std::size_t N>
+SetKind apply_setting(const TextSetting (&table)[N], int32_t& enable, const char* name, const char* value) {
+    if (std::strcmp(name, "enable") == 0) {
+        enable = static_cast<int32_t>(std::strtol(value, nullptr, 10));
+        return SetKind::enable;
+    }
+    if (std::strcmp(name, "reload") == 0) return SetKind::reload;
+    for (const TextSetting& s : table) {
+        if (std::strcmp(name, s.name) == 0) {
+            store_text(s, value);
+            return SetKind::text;
+        }
+    }
+    return SetKind::unknown;
+}
+
+// Reads one key of user slot i into out; 0 found, -1 not.
+template <std::size_t N>
+int read_slot_text(const char* item, int32_t slot, char (&out)[N]) {
+    char key[DB_UTIL_KEY_SIZE] = {};
+    char value[DB_UTIL_VALUE_SIZE] = {};
+    usbmgr::format_str(key, "USBMGR.SAMBA.%s.%d", item, slot);
+    if (db_util_config_get_parameter_s(key, value) != 0) return -1;
+    usbmgr::clean_copy(out, value);
+    return 0;
+}
+
+}  // namespace
+
+void usbmgr_cmd_get_minidlna_conf(MiniDlnaConf& cmd) {
+    const MiniDlnaConf& c = MINIDLNA_CONF;
+    // conf_dir is not part of the reply: it keeps what the buffer held.
+    cmd.enable = c.enable;
+    std::memcpy(cmd.db_dir, c.db_dir, sizeof cmd.db_dir);
+    std::memcpy(cmd.log_dir, c.log_dir, sizeof cmd.log_dir);
+    std::memcpy(cmd.media_dir, c.media_dir, sizeof cmd.media_dir);
+    std::memcpy(cmd.log_level, c.log_level, sizeof cmd.log_level);
+    std::memcpy(cmd.root_container, c.root_container, sizeof cmd.root_container);
+    std::memcpy(cmd.port, c.port, sizeof cmd.port);
+    std::memcpy(cmd.friendly_name, c.friendly_name, sizeof cmd.friendly_name);
+    std::memcpy(cmd.serial, c.serial, sizeof cmd.serial);
+    std::memcpy(cmd.model_name, c.model_name, sizeof cmd.model_name);
+    std::memcpy(cmd.model_number, c.model_number, sizeof cmd.model_number);
+    std::memcpy(cmd.inotify, c.inotify, sizeof cmd.inotify);
+    std::memcpy(cmd.notify_interval, c.notify_interval, sizeof cmd.notify_interval);
+}
+
+void usbmgr_cmd_get_samba_conf(SambaConf& cmd) {
+    const SambaConf& c = SAMBA_CONF;
+    // conf_dir, username_map and username_map_dir are not part of the reply.
+    cmd.enable = c.enable;
+    std::memcpy(cmd.log_file, c.log_file, sizeof cmd.log_file);
+    std::memcpy(cmd.max_log_size, c.max_log_size, sizeof cmd.max_log_size);
+    std::memcpy(cmd.log_level, c.log_level, sizeof cmd.log_level);
+    std::memcpy(cmd.load_printers, c.load_printers, sizeof cmd.load_printers);
+    std::memcpy(cmd.printcap_name, c.printcap_name, sizeof cmd.printcap_name);
+    std::memcpy(cmd.printing, c.printing, sizeof cmd.printing);
+    std::memcpy(cmd.security, c.security, sizeof cmd.security);
+    std::memcpy(cmd.workgroup, c.workgroup, sizeof cmd.workgroup);
+    std::memcpy(cmd.disable_netbios, c.disable_netbios, sizeof cmd.disable_netbios);
+    std::memcpy(cmd.netbios_name, c.netbios_name, sizeof cmd.netbios_name);
+    std::memcpy(cmd.server_string, c.server_string, sizeof cmd.server_string);
+    std::memcpy(cmd.usershare_allow_guests, c.usershare_allow_guests, sizeof cmd.usershare_allow_guests);
+    std::memcpy(cmd.guest_account, c.guest_account, sizeof cmd.guest_account);
+    std::memcpy(cmd.interfaces, c.interfaces, sizeof cmd.interfaces);
+    std::memcpy(cmd.bind_interfaces_only, c.bind_interfaces_only, sizeof cmd.bind_interfaces_only);
+}
+
+void usbmgr_cmd_get_usb_serial_enable(CmdGetUsbSerialEnable& cmd) { cmd.enable = USB_SERIAL_ENABLE; }
+
+void usbmgr_cmd_set_minidlna_conf(CmdSetConf& cmd) {
+    const int32_t before = MINIDLNA_CONF.enable;
+    usbmgr::DaemonLock lock;
+    const FieldText name(cmd.name);
+    const FieldText value(cmd.value);
+    const SetKind kind = apply_setting(kMiniDlnaSettings, MINIDLNA_CONF.enable, name.text, value.text);
+    if (kind != SetKind::reload) usbmgr_conf_save();
+    if (kind != SetKind::enable) {
+        // Overwrites a pending target: a MiniDLNA change made while both
+        // servers wait for their reload leaves only the MiniDLNA reload.
+        usbmgr_arm_reload(kReloadMiniDlna);
+    } else if (MINIDLNA_CONF.enable != before) {
+        if (MINIDLNA_CONF.enable != 0)
+            app_util_start_minidlna();
+        else
+            app_util_stop_minidllna();
+    }
+}
+
+void usbmgr_cmd_set_samba_conf(CmdSetConf& cmd) {
+    const int32_t before = SAMBA_CONF.enable;
+    usbmgr::DaemonLock lock;
+    const FieldText name(cmd.name);
+    const FieldText value(cmd.value);
+    const SetKind kind = apply_setting(kSambaSettings, SAMBA_CONF.enable, name.text, value.text);
+    if (kind != SetKind::reload) usbmgr_conf_save();
+    // The model shows the Samba state.
+    usbmgr_tr140_db_build();
+    if (kind != SetKind::enable) {
+        // Subscribers hear of the change after the reload; the target is
+        // overwritten, not added to.
+        dp_util_evt_buf_write(USBMGR_TR140_SERVICE_CHANGE);
+        usbmgr_arm_reload(kReloadSamba);
+    } else if (SAMBA_CONF.enable != before) {
+        if (SAMBA_CONF.enable != 0)
+            app_util_start_samba();
+        else
+            app_util_stop_samba();
+    }
+}
+
+void usbmgr_cmd_set_usb_serial_enable(CmdSetUsbSerialEnable& cmd) {
+    // Governs the next adapter that arrives; logins already running stay.
+    USB_SERIAL_ENABLE = cmd.enable;
+    cmd.status = usbmgr_conf_save() == -1 ? kStatusNotSaved : 0;
+}
+
+void usbmgr_cmd_get_samba_number_of_users(CmdNumber& cmd) {
+    usbmgr::DaemonLock lock;
+    cmd.number = app_util_get_number_of_samba_users();
+}
+
+void usbmgr_cmd_get_samba_user_info(CmdSambaUserSlot& cmd) {
+    usbmgr::DaemonLock lock;
+    // The index is a slot number, not the n-th user. Each field is written
+    // only when its key was read; the ones after a failed read keep what
+    // the buffer held.
+    const int32_t slot = cmd.index;
+    int result = read_slot_text("USER_NAME", slot, cmd.name);
+    if (result == 0) result = read_slot_text("USER_PASSWORD", slot, cmd.password);
+    if (result == 0) {
+        char key[DB_UTIL_KEY_SIZE] = {};
+        usbmgr::format_str(key, "USBMGR.SAMBA.USER_ENABLE.%d", slot);
+        const int enable = db_util_config_get_parameter_i(key);
+        if (enable == -1)
+            result = -1;
+        else
+            cmd.enable = enable;
+    }
+    cmd.result = result;
+}
+
+void usbmgr_cmd_add_samba_user(CmdSambaUser& cmd) {
+    usbmgr::DaemonLock lock;
+    const FieldText name(cmd.name);
+    const FieldText password(cmd.password);
+    cmd.result = app_util_add_samba_user(name.text, password.text, cmd.enable);
+    usbmgr_tr140_db_build();
+}
+
+void usbmgr_cmd_remove_samba_user(CmdSambaUser& cmd) {
+    usbmgr::DaemonLock lock;
+    const FieldText name(cmd.name);
+    cmd.result = app_util_remove_samba_user(name.text);
+    usbmgr_tr140_db_build();
+}
+
 // Writes no entry line (its row in the command list is silent).
-void usbmgr_cmd_modify_samba_user(CmdSambaUser&) {}
+void usbmgr_cmd_modify_samba_user(CmdSambaUser& cmd) {
+    usbmgr::DaemonLock lock;
+    const FieldText name(cmd.name);
+    const FieldText password(cmd.password);
+    cmd.result = app_util_modify_samba_user(name.text, password.text, cmd.enable);
+    usbmgr_tr140_db_build();
+}

