@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "db_util/db_util.h"
 
@@ -83,6 +84,10 @@ int disk_util_get_count_of_volume();
 int disk_util_get_volume_name_by_index(int index, char* name, std::size_t size);
 int disk_util_get_count_of_folder_by_name(const char* volume);
 int disk_util_get_folder_name_by_index(int index, const char* volume, char* name, std::size_t size);
+// The names of every top folder of volume in directory order, each cut as
+// the by-index form cuts it, from one read of the folder; empty when it
+// cannot be read. Lets a caller that wants every name avoid one read a name.
+std::vector<std::string> disk_util_get_folder_names(const char* volume);
 DiskSize disk_util_get_disk_size(DiskSize* size, const char* name);
 int disk_util_get_number_of_disk_volume(char* list);
 int disk_util_get_disk_volume_by_index(int index, char* list, char* name, std::size_t size);

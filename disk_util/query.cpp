@@ -206,6 +206,15 @@ int disk_util_get_folder_name_by_index(int index, const char* volume, char* name
     return count;
 }
 
+std::vector<std::string> disk_util_get_folder_names(const char* volume) {
+    std::vector<std::string> names;
+    DirPtr dir = open_volume(volume);
+    if (!dir) return names;
+    while (dirent* e = readdir(dir.get()))
+        if (is_top_folder(e)) names.emplace_back(e->d_name, strnlen(e->d_name, kFolderNameMax));
+    return names;
+}
+
 DiskSize disk_util_get_disk_size(DiskSize* size, const char* name) {
     DiskSize total{0, 0};
     auto cmd = usbmgr::shell_command<kCommandSize>("df -m | grep %s 2>&1", name);

@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <string>
+#include <vector>
 #include <string_view>
 
 #include "app_util/app_util.h"
@@ -147,12 +149,10 @@ void fill_logical_volume(tr140_logical_volume& lv, int i, uint32_t auth_req) {
         return;
     }
     const int capacity = static_cast<int>(lv.FolderNumberOfEntries);
-    int k = disk_util_get_count_of_folder_by_name(name);
-    if (k < 0) {
-        lv.FolderNumberOfEntries = 0;
-        return;
-    }
-    k = std::min(k, capacity - 1);
+    // One read of the volume gives the count and every name: naming folder
+    // j by index would read the folder again for each of them.
+    const std::vector<std::string> folders = disk_util_get_folder_names(name);
+    const int k = std::min(static_cast<int>(folders.size()), capacity - 1);
     lv.FolderNumberOfEntries = static_cast<uint32_t>(k + 1);
 
     tr140_folder& root = lv.Folder[0];
@@ -162,10 +162,8 @@ void fill_logical_volume(tr140_logical_volume& lv, int i, uint32_t auth_req) {
     fill_user_access(root, device_id, name);
 
     for (int j = 1; j <= k; ++j) {
-        char folder[kFolderNameSize] = {};
-        disk_util_get_folder_name_by_index(j - 1, name, folder, sizeof folder);
         tr140_folder& f = lv.Folder[j];
-        usbmgr::format_str(f.Name, "/disk/%s/%s", display, folder);
+        usbmgr::format_str(f.Name, "/disk/%s/%s", display, folders[static_cast<std::size_t>(j - 1)].c_str());
         f.Enable = lv.Enable;
         f.UserAccountAccess = 0;
     }

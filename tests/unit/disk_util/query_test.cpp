@@ -284,3 +284,22 @@ TEST(SerialListing, MissingPortFolderListsNoAdapterAndLogsNothing) {
     EXPECT_EQ(disk_util_get_usb_serial_name_by_index(0, name, sizeof name), -1);
     EXPECT_TRUE(fake::log_texts().empty());
 }
+
+TEST(DiskQueries, FolderNamesInOneReadAreTheByIndexNamesInTheirOrder) {
+    Seams seams;
+    mkdir("/tmp/disk", 0775);
+    mkdir("/tmp/disk/sda1", 0775);
+    for (const char* f : {"Music", ".Trash", "notes~", "Photos", "Docs"})
+        mkdir((std::string("/tmp/disk/sda1/") + f).c_str(), 0775);
+    mkdir(("/tmp/disk/sda1/" + std::string(70, 'f')).c_str(), 0775);
+    write_file("/tmp/disk/sda1/song.mp3", "x");
+    const std::vector<std::string> names = disk_util_get_folder_names("sda1");
+    ASSERT_EQ(static_cast<int>(names.size()), disk_util_get_count_of_folder_by_name("sda1"));
+    for (std::size_t i = 0; i < names.size(); ++i) {
+        char name[100] = {};
+        disk_util_get_folder_name_by_index(static_cast<int>(i), "sda1", name, sizeof name);
+        EXPECT_EQ(names[i], name);
+    }
+    EXPECT_TRUE(disk_util_get_folder_names("sdz1").empty());
+    EXPECT_TRUE(disk_util_get_folder_names("../etc").empty());
+}
