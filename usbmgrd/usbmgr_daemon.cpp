@@ -265,8 +265,7 @@ int usbmgr_service_init() {
         app_util_start_samba();
         app_util_perpare_samba_user(&usbmgr_iil_handle);
     }
-    // Serial adapters already present get their logins with the serial
-    // console work; nothing is started for them yet.
+    usbmgr_start_exist_usb_serial_logins();
     usbmgr_add_folder_watches();
     return 1;
 }

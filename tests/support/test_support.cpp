@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <fstream>
 #include <sstream>
 
@@ -26,8 +27,53 @@ usbmgr::RunResult FakeRunner::start_and_wait(const usbmgr::CommandLine& cmd, boo
     if (pass_through && pass_through(cmd.text)) return real_.run(cmd, capture, report);
     r.started = true;
     report();
+    if (holds(cmd.text)) wait_while_held();
     if (respond) r.output = respond(cmd.text);
     return r;
+}
+
+void FakeRunner::hold(const std::string& prefix) {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    hold_prefixes_.push_back(prefix);
+}
+
+bool FakeRunner::holds(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    for (const auto& p : hold_prefixes_)
+        if (text.rfind(p, 0) == 0) return true;
+    return false;
+}
+
+void FakeRunner::wait_while_held() {
+    std::unique_lock<std::mutex> lock(hold_mutex_);
+    ++held_;
+    hold_cv_.notify_all();
+    hold_cv_.wait(lock, [this] { return released_ || ends_ > 0; });
+    if (!released_) --ends_;
+    --held_;
+    hold_cv_.notify_all();
+}
+
+void FakeRunner::let_end(int count) {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    ends_ += count;
+    hold_cv_.notify_all();
+}
+
+void FakeRunner::release() {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    released_ = true;
+    hold_cv_.notify_all();
+}
+
+std::size_t FakeRunner::held() const {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    return held_;
+}
+
+bool FakeRunner::wait_held(std::size_t count, int timeout_ms) const {
+    std::unique_lock<std::mutex> lock(hold_mutex_);
+    return hold_cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return held_ == count; });
 }
 
 std::vector<std::string> FakeRunner::texts() const {
