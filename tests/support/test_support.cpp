@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <fstream>
 #include <sstream>
@@ -46,17 +47,24 @@ bool FakeRunner::holds(const std::string& text) const {
 
 void FakeRunner::wait_while_held() {
     std::unique_lock<std::mutex> lock(hold_mutex_);
-    ++held_;
+    const unsigned long ticket = next_ticket_++;
+    waiting_.push_back(ticket);
     hold_cv_.notify_all();
-    hold_cv_.wait(lock, [this] { return released_ || ends_ > 0; });
-    if (!released_) --ends_;
-    --held_;
+    auto freed = [&] { return std::find(freed_.begin(), freed_.end(), ticket) != freed_.end(); };
+    hold_cv_.wait(lock, [&] { return released_ || freed(); });
+    waiting_.erase(std::find(waiting_.begin(), waiting_.end(), ticket));
+    if (auto it = std::find(freed_.begin(), freed_.end(), ticket); it != freed_.end()) freed_.erase(it);
     hold_cv_.notify_all();
 }
 
 void FakeRunner::let_end(int count) {
     std::lock_guard<std::mutex> lock(hold_mutex_);
-    ends_ += count;
+    for (unsigned long ticket : waiting_) {
+        if (count <= 0) break;
+        if (std::find(freed_.begin(), freed_.end(), ticket) != freed_.end()) continue;
+        freed_.push_back(ticket);
+        --count;
+    }
     hold_cv_.notify_all();
 }
 
@@ -68,12 +76,13 @@ void FakeRunner::release() {
 
 std::size_t FakeRunner::held() const {
     std::lock_guard<std::mutex> lock(hold_mutex_);
-    return held_;
+    return waiting_.size() - freed_.size();
 }
 
 bool FakeRunner::wait_held(std::size_t count, int timeout_ms) const {
     std::unique_lock<std::mutex> lock(hold_mutex_);
-    return hold_cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [&] { return held_ == count; });
+    return hold_cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                            [&] { return waiting_.size() - freed_.size() == count; });
 }
 
 std::vector<std::string> FakeRunner::texts() const {

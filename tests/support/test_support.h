@@ -37,8 +37,9 @@ public:
     std::function<void(const std::string&)> while_running;
 
     // Commands whose text starts with prefix (a getty, which runs until its
-    // user logs out) do not end, once started, until let_end lets them (one
-    // a count) or release lets every one end, now and later.
+    // user logs out) do not end, once started, until let_end lets them (the
+    // count oldest of those held at that moment) or release lets every one
+    // end, now and later.
     void hold(const std::string& prefix);
     void let_end(int count = 1);
     void release();
@@ -63,8 +64,9 @@ private:
     mutable std::mutex hold_mutex_;
     mutable std::condition_variable hold_cv_;
     std::vector<std::string> hold_prefixes_;
-    std::size_t held_ = 0;
-    int ends_ = 0;
+    std::vector<unsigned long> waiting_;  // tickets of the held commands, oldest first
+    std::vector<unsigned long> freed_;    // tickets let_end has let go
+    unsigned long next_ticket_ = 0;
     bool released_ = false;
 };
 
