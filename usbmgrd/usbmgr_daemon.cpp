@@ -55,6 +55,12 @@ bool install(int sig, void (*handler)(int), struct sigaction* saved) {
     struct sigaction sa {};
     sa.sa_handler = handler;
     sigemptyset(&sa.sa_mask);
+    // The daemon-control handler runs with both of its signals held: when
+    // SIGALRM and SIGCHLD are pending together, the kernel would otherwise
+    // start the second handler on top of the first, so that the later
+    // signal ran first and decided.
+    sigaddset(&sa.sa_mask, SIGCHLD);
+    sigaddset(&sa.sa_mask, SIGALRM);
     return sigaction(sig, &sa, saved) == 0;
 }
 
