@@ -234,7 +234,14 @@ int disk_util_create_usb_serial_dev_node(const char* name) {
     return disk_util_exe_command(usbmgr::CommandLine::exec({"mknod", path, "c", "188", std::to_string(minor)}));
 }
 
-int disk_util_remove_usb_serial_dev_node(const char* name) { return remove_node(name); }
+int disk_util_remove_usb_serial_dev_node(const char* name) {
+    // Only an adapter's own node: a serial removal never takes a disk's.
+    if (!disk_util_serial_name_ok(name)) {
+        log_refused_name(name);
+        return -1;
+    }
+    return remove_node(name);
+}
 
 int disk_util_remove_dev_node(const char* name) { return remove_node(name); }
 

@@ -55,6 +55,12 @@ bool install(int sig, void (*handler)(int), struct sigaction* saved) {
     struct sigaction sa {};
     sa.sa_handler = handler;
     sigemptyset(&sa.sa_mask);
+    // The daemon-control handler runs with both of its signals held: when
+    // SIGALRM and SIGCHLD are pending together, the kernel would otherwise
+    // start the second handler on top of the first, so that the later
+    // signal ran first and decided.
+    sigaddset(&sa.sa_mask, SIGCHLD);
+    sigaddset(&sa.sa_mask, SIGALRM);
     return sigaction(sig, &sa, saved) == 0;
 }
 
@@ -265,8 +271,7 @@ int usbmgr_service_init() {
         app_util_start_samba();
         app_util_perpare_samba_user(&usbmgr_iil_handle);
     }
-    // Serial adapters already present get their logins with the serial
-    // console work; nothing is started for them yet.
+    usbmgr_start_exist_usb_serial_logins();
     usbmgr_add_folder_watches();
     return 1;
 }

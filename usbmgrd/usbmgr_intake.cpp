@@ -1,6 +1,7 @@
 // Hot-plug intake for USB storage: the arrival and removal handlers, which
 // do the disk work at once (tables, history, mounts, folder watches, model)
-// and leave the server reloads and the notification to the deferred reload.
+// and leave the server reloads and the notification to the deferred reload;
+// and the checks every hot-plug record passes first (serial adapters too).
 #include <cstring>
 
 #include "app_util/app_util.h"
@@ -28,9 +29,24 @@ private:
     usbmgr::DaemonLock lock_;
 };
 
-// The record as the handlers use it: every text field terminated within its
-// field, and the texts that go into files and logs made line-safe.
-bool take_record(uint32_t len, const void* payload, DusbDeviceRecord* rec, const char* event) {
+// Calls fn with each partition name of a device list; returns their number.
+// The list functions split their argument in place, so each call gets a copy.
+template <typename Fn>
+int for_each_volume(const char* device_list, Fn fn) {
+    char list[sizeof DusbDeviceRecord::AttachDevice];
+    usbmgr::copy_str(list, device_list);
+    int n = disk_util_get_number_of_disk_volume(list);
+    for (int i = 0; i < n; ++i) {
+        char volume[64] = {};
+        usbmgr::copy_str(list, device_list);
+        if (disk_util_get_disk_volume_by_index(i, list, volume, sizeof volume) == 0) fn(volume);
+    }
+    return n;
+}
+
+}  // namespace
+
+bool usbmgr_take_device_record(uint32_t len, const void* payload, DusbDeviceRecord* rec, const char* event) {
     if (payload == nullptr || len < sizeof(DusbDeviceRecord)) {
         USBMGR_TRACE(USBMGR_LOG_ERROR, "%s: device record of %u bytes ignored, %zu expected", event, len,
                      sizeof(DusbDeviceRecord));
@@ -58,23 +74,6 @@ bool take_record(uint32_t len, const void* payload, DusbDeviceRecord* rec, const
     usbmgr::sanitize_value_text(rec->SerialNumber, sizeof rec->SerialNumber);
     return true;
 }
-
-// Calls fn with each partition name of a device list; returns their number.
-// The list functions split their argument in place, so each call gets a copy.
-template <typename Fn>
-int for_each_volume(const char* device_list, Fn fn) {
-    char list[sizeof DusbDeviceRecord::AttachDevice];
-    usbmgr::copy_str(list, device_list);
-    int n = disk_util_get_number_of_disk_volume(list);
-    for (int i = 0; i < n; ++i) {
-        char volume[64] = {};
-        usbmgr::copy_str(list, device_list);
-        if (disk_util_get_disk_volume_by_index(i, list, volume, sizeof volume) == 0) fn(volume);
-    }
-    return n;
-}
-
-}  // namespace
 
 void print_device_info(const DusbDeviceRecord* r) {
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "   Index                  = %d", r->Index);
@@ -105,7 +104,7 @@ void print_device_info(const DusbDeviceRecord* r) {
 
 USBMGR_EVT_HANDLER(usbmgr_evt_new_storage_interface) {
     DusbDeviceRecord rec;
-    if (!take_record(len, payload, &rec, "DUSB_EVT_NEW_STORAGE_INTERFACE")) return 0;
+    if (!usbmgr_take_device_record(len, payload, &rec, "DUSB_EVT_NEW_STORAGE_INTERFACE")) return 0;
     StorageEventScope scope;
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "EVENT - DUSB_EVT_NEW_STORAGE_INTERFACE");
     print_device_info(&rec);
@@ -143,7 +142,7 @@ USBMGR_EVT_HANDLER(usbmgr_evt_new_storage_interface) {
 
 USBMGR_EVT_HANDLER(usbmgr_evt_remove_storage_interface) {
     DusbDeviceRecord rec;
-    if (!take_record(len, payload, &rec, "DUSB_EVT_REMOVE_STORAGE_INTERFACE")) return 0;
+    if (!usbmgr_take_device_record(len, payload, &rec, "DUSB_EVT_REMOVE_STORAGE_INTERFACE")) return 0;
     StorageEventScope scope;
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "EVENT - DUSB_EVT_REMOVE_STORAGE_INTERFACE");
     print_device_info(&rec);
@@ -164,18 +163,5 @@ USBMGR_EVT_HANDLER(usbmgr_evt_remove_storage_interface) {
     usbmgr_tr140_db_build();
     dp_util_evt_buf_write(USBMGR_TR140_REMOVE_STORAGE);
     usbmgr_arm_reload(3);
-    return 0;
-}
-
-// Serial adapters get their console login with the serial console work.
-USBMGR_EVT_HANDLER(usbmgr_evt_new_usb_serial_interface) {
-    (void)len;
-    (void)payload;
-    return 0;
-}
-
-USBMGR_EVT_HANDLER(usbmgr_evt_remove_usb_serial_interface) {
-    (void)len;
-    (void)payload;
     return 0;
 }

@@ -7,6 +7,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 #include "db_util/bus_handle.h"
@@ -77,11 +78,40 @@ int usbmgr_notify_tr140_event(int32_t kind);
 extern std::atomic<int32_t> usbmgr_evt_in_progress;
 
 void print_device_info(const DusbDeviceRecord* record);
+// Copies a hot-plug record from the bus into rec, as every event handler
+// takes it: false (logged with event's name) when it is short, or when its
+// AttachDevice is unterminated or not a device list; else every text field
+// is terminated within its field and the texts are made line-safe.
+bool usbmgr_take_device_record(uint32_t len, const void* payload, DusbDeviceRecord* rec, const char* event);
 #define USBMGR_EVT_HANDLER(name) int name(OrbIilHandle*, uint32_t, uint32_t len, void* payload)
 USBMGR_EVT_HANDLER(usbmgr_evt_new_storage_interface);
 USBMGR_EVT_HANDLER(usbmgr_evt_remove_storage_interface);
+
+// ---------------------------------------------------------------------------
+// Console logins on USB serial adapters (usbmgr_serial.cpp)
+
+inline constexpr int USBMGR_SERIAL_LOGIN_SLOTS = 3;  // ttyUSB0 to ttyUSB2
+inline constexpr std::size_t USBMGR_SERIAL_NAME_SIZE = 10;
+inline constexpr unsigned long USBMGR_SERIAL_RESTART_US = 1000000;
+
+// Login thread of each adapter number; 0 when there is none. Written by
+// the bus library's thread and by start-up.
+extern pthread_t getty_thread_id[USBMGR_SERIAL_LOGIN_SLOTS];
+// Name of the adapter whose login thread is being started.
+extern char new_attach_usb_serial[USBMGR_SERIAL_NAME_SIZE];
+
 USBMGR_EVT_HANDLER(usbmgr_evt_new_usb_serial_interface);
 USBMGR_EVT_HANDLER(usbmgr_evt_remove_usb_serial_interface);
+// Body of a login thread: getty on its adapter, again a second after each end.
+void* usbmgr_usb_serial_login_thread(void* login);
+// Start-up: every adapter listed in /tmp/usb gets its node and a login.
+void usbmgr_start_exist_usb_serial_logins();
+
+// For tests and the fuzz targets: no login thread outlives them.
+// Asks every login thread to end once its getty has ended.
+void usbmgr_serial_request_stop_all();
+// Waits until every login thread has ended (ask them first) and clears the slots.
+void usbmgr_serial_join_all();
 
 // ---------------------------------------------------------------------------
 // Ring of pending change kinds and its flush (usbmgr_ring.cpp)

@@ -13,7 +13,7 @@
 //                     the start-up walks over the port files
 //   7                 the deferred reload and flush, as the alarm runs them
 // After each step the device tables, the ring and the history file must
-// still keep their rules.
+// still keep their rules, and no serial login may have been started.
 #include <sys/stat.h>
 
 #include <cstdint>
@@ -139,6 +139,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         }
         check_tables(what);
         history.check(TR140_CONF_PATH, what);
+        // Serial events with any payload: a node at most, never a login.
+        for (pthread_t id : getty_thread_id)
+            if (id != 0) fuzz::finding("login thread started with serial logins off", what);
     }
     return 0;
 }

@@ -413,6 +413,9 @@ void init(int* argc, char*** argv) {
 }
 
 void reset_iteration() {
+    // No login thread may outlive the input that started it.
+    usbmgr_serial_request_stop_all();
+    usbmgr_serial_join_all();
     std::memset(usb_physical_info, 0, sizeof usb_physical_info);
     std::memset(usb_volume_info, 0, sizeof usb_volume_info);
     dp_util_evt_buf_init();

@@ -40,11 +40,17 @@ void reset_daemon_state() {
     pollfds[0] = {-1, 0, 0};
 }
 
+void reset_serial_logins() {
+    usbmgr_serial_request_stop_all();
+    usbmgr_serial_join_all();
+}
+
 void reset_storage_model() {
     for (tr140_storage_service& s : usbmgr_tr140_db) s = tr140_storage_service{};
 }
 
 void reset_daemon_globals() {
+    reset_serial_logins();
     reset_device_tables();
     reset_ring();
     reset_deferred_state();
@@ -55,6 +61,12 @@ void reset_daemon_globals() {
 
 DaemonTest::DaemonTest() { reset_daemon_globals(); }
 
-DaemonTest::~DaemonTest() { reset_daemon_globals(); }
+DaemonTest::~DaemonTest() {
+    // A login thread may wait in a held getty: ask every one to stop, let
+    // the gettys end, and wait for the threads before anything is reset.
+    usbmgr_serial_request_stop_all();
+    seams.runner.release();
+    reset_daemon_globals();
+}
 
 }  // namespace testing_support

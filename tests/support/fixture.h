@@ -19,6 +19,9 @@ void reset_settings();
 void reset_daemon_state();
 // Both storage service records back to all zero, their lists released.
 void reset_storage_model();
+// Every login thread stopped and joined, the slots cleared. A thread whose
+// getty is held in the fake runner ends only once the runner lets it.
+void reset_serial_logins();
 
 // All of the above.
 void reset_daemon_globals();

@@ -4,6 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <chrono>
 #include <fstream>
 #include <sstream>
 
@@ -26,8 +28,61 @@ usbmgr::RunResult FakeRunner::start_and_wait(const usbmgr::CommandLine& cmd, boo
     if (pass_through && pass_through(cmd.text)) return real_.run(cmd, capture, report);
     r.started = true;
     report();
+    if (holds(cmd.text)) wait_while_held();
     if (respond) r.output = respond(cmd.text);
     return r;
+}
+
+void FakeRunner::hold(const std::string& prefix) {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    hold_prefixes_.push_back(prefix);
+}
+
+bool FakeRunner::holds(const std::string& text) const {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    for (const auto& p : hold_prefixes_)
+        if (text.rfind(p, 0) == 0) return true;
+    return false;
+}
+
+void FakeRunner::wait_while_held() {
+    std::unique_lock<std::mutex> lock(hold_mutex_);
+    const unsigned long ticket = next_ticket_++;
+    waiting_.push_back(ticket);
+    hold_cv_.notify_all();
+    auto freed = [&] { return std::find(freed_.begin(), freed_.end(), ticket) != freed_.end(); };
+    hold_cv_.wait(lock, [&] { return released_ || freed(); });
+    waiting_.erase(std::find(waiting_.begin(), waiting_.end(), ticket));
+    if (auto it = std::find(freed_.begin(), freed_.end(), ticket); it != freed_.end()) freed_.erase(it);
+    hold_cv_.notify_all();
+}
+
+void FakeRunner::let_end(int count) {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    for (unsigned long ticket : waiting_) {
+        if (count <= 0) break;
+        if (std::find(freed_.begin(), freed_.end(), ticket) != freed_.end()) continue;
+        freed_.push_back(ticket);
+        --count;
+    }
+    hold_cv_.notify_all();
+}
+
+void FakeRunner::release() {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    released_ = true;
+    hold_cv_.notify_all();
+}
+
+std::size_t FakeRunner::held() const {
+    std::lock_guard<std::mutex> lock(hold_mutex_);
+    return waiting_.size() - freed_.size();
+}
+
+bool FakeRunner::wait_held(std::size_t count, int timeout_ms) const {
+    std::unique_lock<std::mutex> lock(hold_mutex_);
+    return hold_cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms),
+                            [&] { return waiting_.size() - freed_.size() == count; });
 }
 
 std::vector<std::string> FakeRunner::texts() const {

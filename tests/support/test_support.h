@@ -2,6 +2,8 @@
 #ifndef USBMGR_TEST_SUPPORT_H
 #define USBMGR_TEST_SUPPORT_H
 
+#include <condition_variable>
+#include <cstddef>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -34,6 +36,18 @@ public:
     // before it ends: a test sees there what was logged while it ran.
     std::function<void(const std::string&)> while_running;
 
+    // Commands whose text starts with prefix (a getty, which runs until its
+    // user logs out) do not end, once started, until let_end lets them (the
+    // count oldest of those held at that moment) or release lets every one
+    // end, now and later.
+    void hold(const std::string& prefix);
+    void let_end(int count = 1);
+    void release();
+    // Commands being held now.
+    std::size_t held() const;
+    // Waits up to timeout_ms until exactly count commands are being held.
+    bool wait_held(std::size_t count, int timeout_ms = 5000) const;
+
 protected:
     // Reports the start (when the command starts) before it answers, as a
     // real command is started before it ends.
@@ -44,6 +58,16 @@ private:
     mutable std::mutex mutex_;
     std::vector<Call> calls_;
     usbmgr::SystemRunner real_;
+
+    bool holds(const std::string& text) const;
+    void wait_while_held();
+    mutable std::mutex hold_mutex_;
+    mutable std::condition_variable hold_cv_;
+    std::vector<std::string> hold_prefixes_;
+    std::vector<unsigned long> waiting_;  // tickets of the held commands, oldest first
+    std::vector<unsigned long> freed_;    // tickets let_end has let go
+    unsigned long next_ticket_ = 0;
+    bool released_ = false;
 };
 
 // Records sleeps and alarms, returns at once.

@@ -510,6 +510,17 @@ TEST(SerialNodes, RemovalDeletesTheNode) {
     EXPECT_FALSE(testing_support::file_exists("/var/dev/ttyUSB1"));
 }
 
+TEST(SerialNodes, RemovalRefusesANameThatIsNotAnAdapter) {
+    Seams seams;
+    testing_support::write_file("/var/dev/sda", "");
+    EXPECT_EQ(disk_util_remove_usb_serial_dev_node("sda"), -1);
+    EXPECT_EQ(disk_util_remove_usb_serial_dev_node("ttyS0"), -1);
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_TRUE(fake::logged("refusing device name 'sda'"));
+    EXPECT_TRUE(fake::logged("refusing device name 'ttyS0'"));
+    EXPECT_TRUE(testing_support::file_exists("/var/dev/sda"));
+}
+
 TEST(SerialNodes, CommandThatCannotStartGivesMinusOneAndNoRunLine) {
     Seams seams;
     seams.runner.fail_start = true;
