@@ -26,7 +26,8 @@ TEST_F(CommandDispatch, EveryCommandButTwelveLogsCmdAndItsNameAtDebugUnderTheDae
             EXPECT_TRUE(fake::bus().log.empty());
             continue;
         }
-        ASSERT_EQ(fake::bus().log.size(), 1u) << c.id;
+        // The entry line comes first; a handler's own work may log after it.
+        ASSERT_GE(fake::bus().log.size(), 1u) << c.id;
         EXPECT_EQ(fake::bus().log[0].text, std::string("cmd - ") + c.name);
         EXPECT_EQ(fake::bus().log[0].level, 4);
         EXPECT_EQ(fake::bus().log[0].module, "usbmgrd.c");
