@@ -81,6 +81,8 @@ printf '%s\n' USBMGR.SAMBA.USER_NAME.0=alice USBMGR.SAMBA.USER_PASSWORD.0=alice-
 
 daemon=$(start_daemon debug)
 check "daemon started" [ -n "$daemon" ]
+# The daemon is the oldest usbmgrd: a newer one may be a child about to run a command.
+daemon=$(pgrep -o -x usbmgrd)
 start_monitor
 usbmgrctl plug --port 1-1 --device sda,sda1,sda2 --serial SER-WRITES --vendor ACME --product Stick >/dev/null
 check "plug: both volumes are shared" wait_for "has_share sda1 && has_share sda2" 30
@@ -240,8 +242,10 @@ for id in $(seq 24 36); do
     rnd=$(head -c "$size" /dev/urandom | od -An -tx1 | tr -d ' \n')
     usbmgrctl call "$id" "$ff" >/dev/null 2>&1
     check "$id: all 0xff bytes leave the daemon running" kill -0 "$daemon"
+    check "$id: the daemon still answers after all 0xff bytes" usbmgrctl call 14
     usbmgrctl call "$id" "$rnd" >/dev/null 2>&1
     check "$id: random bytes leave the daemon running" kill -0 "$daemon"
+    check "$id: the daemon still answers after random bytes" usbmgrctl call 14
     check "$id: the settings file stays parseable" parseable "$settings"
     check "$id: the history file stays parseable" parseable "$history"
 done
