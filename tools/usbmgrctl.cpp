@@ -22,6 +22,7 @@
 #include "tools/ctl_layout.h"
 #include "tools/ctl_model.h"
 #include "tools/ctl_sharing.h"
+#include "tools/ctl_storage_write.h"
 #include "tools/ctl_text.h"
 
 namespace {
@@ -282,6 +283,23 @@ int open_client(BusConnection& bus) {
     int rc = bus.open(me.c_str());
     if (rc != ORBIIL_OK) std::fprintf(stderr, "usbmgrctl: cannot join the bus as %s: %s\n", me.c_str(), usbmgr_iil_err_str(rc));
     return rc;
+}
+
+int cmd_write_verb(const usbmgrctl::WriteVerb& verb, int argc, char** argv) {
+    bool json = false;
+    std::vector<std::string> args = take_args(argc, argv, json);
+    std::vector<unsigned char> payload;
+    std::string error;
+    if (!usbmgrctl::build_write_request(verb, args, payload, error)) return usage_error("%s", error.c_str());
+    BusConnection bus;
+    if (open_client(bus) != ORBIIL_OK) return kExitFail;
+    int code = execute(bus, verb.verb.id, payload);
+    bus.close();
+    std::string out = json ? usbmgrctl::format_write_json(verb, code, payload.data(), payload.size()) + "\n"
+                           : usbmgrctl::format_write_text(verb, code, payload.data(), payload.size());
+    std::fputs(out.c_str(), stdout);
+    std::fflush(stdout);
+    return code == ORBIIL_OK ? kExitOk : kExitFail;
 }
 
 int cmd_read_verb(const usbmgrctl::ReadVerb& verb, int argc, char** argv) {
@@ -655,12 +673,12 @@ int cmd_plug(const PlugKind& kind, int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "%s%s", kUsage, usbmgrctl::sharing_usage().c_str());
+        std::fprintf(stderr, "%s%s%s", kUsage, usbmgrctl::sharing_usage().c_str(), usbmgrctl::write_verbs_usage().c_str());
         return kExitUsage;
     }
     const char* sub = argv[1];
     if (std::strcmp(sub, "help") == 0 || std::strcmp(sub, "--help") == 0 || std::strcmp(sub, "-h") == 0) {
-        std::printf("%s%s", kUsage, usbmgrctl::sharing_usage().c_str());
+        std::printf("%s%s%s", kUsage, usbmgrctl::sharing_usage().c_str(), usbmgrctl::write_verbs_usage().c_str());
         return kExitOk;
     }
     if (std::strcmp(sub, "call") == 0) return cmd_call(argc - 2, argv + 2);
@@ -670,6 +688,7 @@ int main(int argc, char** argv) {
     if (const usbmgrctl::ReadVerb* verb = usbmgrctl::find_read_verb(sub)) return cmd_read_verb(*verb, argc - 2, argv + 2);
     if (const usbmgrctl::SharingVerb* verb = usbmgrctl::find_sharing_verb(sub))
         return cmd_sharing_verb(*verb, argc - 2, argv + 2);
+    if (const usbmgrctl::WriteVerb* verb = usbmgrctl::find_write_verb(sub)) return cmd_write_verb(*verb, argc - 2, argv + 2);
     for (const auto& k : kPlugKinds)
         if (std::strcmp(sub, k.verb) == 0) return cmd_plug(k, argc - 2, argv + 2);
     return usage_error("unknown command '%s'", sub);

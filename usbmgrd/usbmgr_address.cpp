@@ -26,6 +26,12 @@ UsbPhysicalInfo* disk_row(int32_t slot) {
     return &row;
 }
 
+UsbPhysicalInfo* attached_disk_row(int32_t slot) {
+    if (!in_table(slot)) return nullptr;
+    UsbPhysicalInfo& row = usb_physical_info[slot];
+    return row.attach_device[0] == '\0' ? nullptr : &row;
+}
+
 UsbVolumeInfo* volume_row(int32_t slot) {
     if (!in_table(slot)) return nullptr;
     UsbVolumeInfo& row = usb_volume_info[slot];

@@ -21,6 +21,8 @@ enum : int32_t {
     STORAGE_NO_FOLDER = -4,        // folder number not below the volume's folder count
     STORAGE_NO_USER = -5,          // user name or password missing in the settings
     STORAGE_NO_USER_ACCESS = -6,   // no user-access record with that number
+    STORAGE_ADD_FAILED = -5,       // the user-access record was not added
+    STORAGE_REMOVE_FAILED = -6,    // the user-access record was not removed
 };
 
 // True for the service numbers of the model, 0 and 1; negative numbers are
@@ -30,6 +32,9 @@ bool service_ok(int32_t service);
 // The row of disk slot, or nullptr when the slot is negative, 25 or more, or
 // its row is free (device name and serial number both empty).
 UsbPhysicalInfo* disk_row(int32_t slot);
+// The row of disk slot when it names an attached disk (its device list is
+// not empty), or nullptr; negative slots and slots of 25 or more are empty.
+UsbPhysicalInfo* attached_disk_row(int32_t slot);
 // The row of volume slot, or nullptr when the slot is negative, 25 or more,
 // or its row is free (no volume name).
 UsbVolumeInfo* volume_row(int32_t slot);

@@ -233,6 +233,8 @@ void usbmgr_kill_login_processes() {
 }
 
 void usbmgr_shutdown() {
+    // A safe removal under way finishes its unmount first.
+    usbmgr_safe_remove_wait();
     app_util_stop_minidllna();
     app_util_stop_samba();
     OrbIilReset(&usbmgr_iil_handle);

@@ -72,6 +72,18 @@ int usbmgr_notify_tr140_event(int32_t kind);
 #include "proto/commands.def"
 
 // ---------------------------------------------------------------------------
+// Safe removal (usbmgr_cmd_safe_remove.cpp)
+
+// Thread id of the latest safe-removal worker; each new one overwrites it.
+extern pthread_t safe_remove_id;
+// The worker's work on the disk whose device list is attach_device: takes
+// the daemon lock, stops both servers, unmounts the disk, forgets its rows,
+// rebuilds the model, queues kind 14, reloads both servers and flushes.
+void usbmgr_safe_remove_storage(const char* attach_device);
+// Returns once every safe-removal worker started so far has finished.
+void usbmgr_safe_remove_wait();
+
+// ---------------------------------------------------------------------------
 // Hot-plug intake of USB storage (usbmgr_intake.cpp)
 
 // Set while a storage handler runs; read by the deferred worker without the lock.

@@ -113,6 +113,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
         fuzz::clock().reset();
         if (e->handler(&usbmgr_iil_handle, e->id, e->size, buffer.get()) != 0)
             fuzz::finding("command handler answered non-zero", std::to_string(id));
+        // A safe removal's worker finishes before the next command, so each
+        // input runs the same way every time.
+        usbmgr_safe_remove_wait();
         check_state(settings, history, "command " + std::to_string(id));
     }
     // The deferred reload and flush that a changed setting arms.

@@ -120,3 +120,12 @@ TEST_F(StorageAddress, UserAccessAddressingTestsTheRowTheModelIndexNamesNotTheSl
     usb_volume_info[7].tr140_db_address = 1;
     EXPECT_EQ(resolve_volume_by_model_row(0, 7, &status), 1);
 }
+
+TEST_F(StorageAddress, AnAttachedDiskRowNeedsItsDeviceListAndASlotInsideTheTable) {
+    world.plug(FakeDisk{});
+    usbmgr::copy_str(usb_physical_info[3].serial_number, "GHOST");
+    EXPECT_EQ(attached_disk_row(0), &usb_physical_info[0]);
+    EXPECT_EQ(attached_disk_row(3), nullptr);
+    EXPECT_EQ(attached_disk_row(4), nullptr);
+    for (int32_t slot : {25, 26, -1, INT32_MIN, INT32_MAX}) EXPECT_EQ(attached_disk_row(slot), nullptr) << slot;
+}
