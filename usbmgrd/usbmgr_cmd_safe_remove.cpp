@@ -7,6 +7,7 @@
 
 #include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "app_util/app_util.h"
@@ -68,9 +69,9 @@ void usbmgr_safe_remove_storage(const char* attach_device) {
 namespace {
 
 void* safe_remove_worker(void* p) {
-    WorkerArg* arg = static_cast<WorkerArg*>(p);
+    std::unique_ptr<WorkerArg> arg(static_cast<WorkerArg*>(p));
     usbmgr_safe_remove_storage(arg->device);
-    delete arg;
+    arg.reset();
     worker_finished();
     return nullptr;
 }
@@ -94,19 +95,19 @@ void usbmgr_cmd_set_storage_safe_remove(CmdSafeRemove& cmd) {
         cmd.status = usbmgr::STORAGE_NO_DISK;
         return;
     }
-    WorkerArg* arg = new WorkerArg{};
+    auto arg = std::make_unique<WorkerArg>();
     std::memcpy(arg->device, row->attach_device, usbmgr::field_len(row->attach_device));
     {
         std::lock_guard<std::mutex> guard(g_workers_mutex);
         ++g_workers;
     }
     pthread_t tid;
-    if (pthread_create(&tid, nullptr, safe_remove_worker, arg) == 0) {
+    if (pthread_create(&tid, nullptr, safe_remove_worker, arg.get()) == 0) {
+        arg.release();  // the worker owns it now
         safe_remove_id = tid;
         pthread_detach(tid);
     } else {
         // Not told to the requester: the reply is 0 in any case.
-        delete arg;
         worker_finished();
     }
     cmd.status = usbmgr::STORAGE_OK;
