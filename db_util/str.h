@@ -29,6 +29,14 @@ inline std::size_t field_len(const char (&field)[N]) {
     return strnlen(field, N);
 }
 
+// A payload's text field as a terminated string: the field may lack its
+// NUL, so it is read up to its own end and no further.
+template <std::size_t N>
+struct FieldText {
+    explicit FieldText(const char (&field)[N]) { std::memcpy(text, field, field_len(field)); }
+    char text[N + 1] = {};
+};
+
 // snprintf into a fixed array; returns false when the text was cut.
 template <std::size_t N>
 __attribute__((format(printf, 2, 3))) inline bool format_str(char (&dst)[N], const char* fmt, ...) {

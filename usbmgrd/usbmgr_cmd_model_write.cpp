@@ -24,14 +24,10 @@ using usbmgr::service_ok;
 // Reload target of the deferred worker: Samba only.
 constexpr int32_t kReloadSamba = 2;
 
-// A name field of the payload may lack its terminator: read it whole, up to
-// its end, and keep it terminated. The Samba user layer checks the result,
-// so a 64-byte name is refused there rather than cut here.
-template <std::size_t N>
-struct FieldText {
-    char text[N + 1] = {};
-    explicit FieldText(const char (&field)[N]) { std::memcpy(text, field, usbmgr::field_len(field)); }
-};
+// Name fields of the payload are read whole, up to their end
+// (usbmgr::FieldText); the Samba user layer checks the result, so a 64-byte
+// name is refused there rather than cut here.
+using usbmgr::FieldText;
 
 // A name that becomes a value of the history file: cut to the model's
 // 64-byte field and cleaned of control characters, so it never adds a line

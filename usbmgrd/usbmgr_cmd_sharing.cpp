@@ -15,6 +15,8 @@
 
 namespace {
 
+using usbmgr::FieldText;
+
 constexpr const char kLogModule[] = "usbmgrd.c";
 
 // Reload targets of the deferred alarm.
@@ -23,18 +25,6 @@ constexpr int32_t kReloadSamba = 2;
 
 // Status of command 7 when the save reports -1.
 constexpr int32_t kStatusNotSaved = -7;
-
-// A request's text field as a terminated string: the field may lack its NUL,
-// so it is read up to its own end and no further.
-template <std::size_t M>
-struct FieldText {
-    explicit FieldText(const char (&field)[M]) {
-        const std::size_t n = usbmgr::field_len(field);
-        std::memcpy(text, field, n);
-        text[n] = '\0';
-    }
-    char text[M + 1];
-};
 
 // One settable text setting: the name a sender uses and the record field.
 struct TextSetting {
