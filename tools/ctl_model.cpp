@@ -11,7 +11,6 @@ namespace usbmgrctl {
 
 namespace {
 
-constexpr uint32_t kCmdServiceCount = 14;
 constexpr uint32_t kCmdService = 15;
 constexpr uint32_t kCmdCapabilities = 16;
 constexpr uint32_t kCmdNetInfo = 17;
@@ -25,23 +24,6 @@ constexpr uint32_t kCmdUserAccess = 23;
 const Field* field_of(uint32_t id, const char* name) {
     const Layout* l = find_layout(id);
     return l ? find_field(*l, name) : nullptr;
-}
-
-bool is_skipped(const char* name, const std::vector<const char*>& skip) {
-    for (const char* s : skip)
-        if (std::strcmp(s, name) == 0) return true;
-    return false;
-}
-
-std::string value_text(const Value& v) {
-    if (v.is_text) return quote_text(v.text);
-    std::string s = std::to_string(v.number);
-    if (v.name == "status") s += std::string(" (") + storage_status_text(v.number) + ")";
-    return s;
-}
-
-std::string value_json(const Value& v) {
-    return v.is_text ? "\"" + json_escape(v.text) + "\"" : std::to_string(v.number);
 }
 
 const Value* find_value(const std::vector<Value>& values, const char* name) {
@@ -93,7 +75,7 @@ std::string failed(uint32_t id, int code) {
 void render_text(const Node& n, int depth, std::string& out) {
     const std::string indent(static_cast<std::size_t>(depth) * 2, ' ');
     out += indent + n.name + "\n";
-    for (const Value& v : n.fields) out += indent + "  " + v.name + " = " + value_text(v) + "\n";
+    for (const Value& v : n.fields) out += indent + "  " + v.name + " = " + value_text(kCmdService, v) + "\n";
     for (const Node& c : n.children) render_text(c, depth + 1, out);
 }
 
@@ -115,108 +97,6 @@ void render_json(const Node& n, std::string& out) {
 }
 
 }  // namespace
-
-const std::vector<ReadVerb>& read_verbs() {
-    static const std::vector<ReadVerb> verbs = {
-        {"services", kCmdServiceCount, {}, "", "number of storage services"},
-        {"service", kCmdService, {"service"}, "SERVICE", "a storage service: enable and entry counts"},
-        {"capabilities", kCmdCapabilities, {"service"}, "SERVICE", "what the service can share"},
-        {"netinfo", kCmdNetInfo, {"service"}, "SERVICE", "host and domain name"},
-        {"network-server", kCmdNetworkServer, {"service"}, "SERVICE", "sharing protocols and authentication"},
-        {"user", kCmdUser, {"service", "user"}, "SERVICE USER", "Samba user USER (0 to 24) of the settings"},
-        {"disk", kCmdDisk, {"service", "slot"}, "SERVICE SLOT", "the disk in table slot SLOT (0 to 24)"},
-        {"volume", kCmdVolume, {"service", "slot"}, "SERVICE SLOT", "the volume in table slot SLOT (0 to 24)"},
-        {"folder", kCmdFolder, {"service", "slot", "folder"}, "SERVICE SLOT N", "folder N of a volume (0 = its root)"},
-        {"user-access", kCmdUserAccess, {"service", "slot", "number"}, "SERVICE SLOT N",
-         "user-access record number N of a volume"},
-    };
-    return verbs;
-}
-
-const ReadVerb* find_read_verb(const std::string& name) {
-    for (const ReadVerb& v : read_verbs())
-        if (name == v.name) return &v;
-    return nullptr;
-}
-
-bool build_read_request(const ReadVerb& verb, const std::vector<std::string>& args, std::vector<unsigned char>& out,
-                        std::string& error) {
-    if (args.size() != verb.args.size()) {
-        error = std::string(verb.name) + " takes " + std::to_string(verb.args.size()) + " argument" +
-                (verb.args.size() == 1 ? "" : "s") + (verb.args.empty() ? "" : std::string(": ") + verb.usage);
-        return false;
-    }
-    const UsbmgrCommandInfo* info = usbmgr_command_find(verb.id);
-    const Layout* layout = find_layout(verb.id);
-    if (info == nullptr || layout == nullptr) {
-        error = "command " + std::to_string(verb.id) + " is not served";
-        return false;
-    }
-    out.assign(info->size, 0);
-    for (std::size_t i = 0; i < args.size(); ++i) {
-        const Field* f = find_field(*layout, verb.args[i]);
-        std::string why;
-        if (f == nullptr || !encode_field(*f, args[i].c_str(), out.data(), out.size(), why)) {
-            error = std::string(verb.args[i]) + " '" + args[i] + "': " + (f ? why : "no such field");
-            return false;
-        }
-    }
-    return true;
-}
-
-const char* storage_status_text(int64_t status) {
-    switch (status) {
-        case 0: return "success";
-        case -1: return "service number out of range";
-        case -2: return "no disk in that slot";
-        case -3: return "no volume in that slot";
-        case -4: return "no such folder";
-        case -5: return "user name or password missing";
-        case -6: return "no user access with that number";
-        default: return "unknown status";
-    }
-}
-
-std::vector<Value> decode_reply(uint32_t id, const unsigned char* reply, std::size_t len,
-                                const std::vector<const char*>& skip) {
-    std::vector<Value> values;
-    const Layout* layout = find_layout(id);
-    if (layout == nullptr || reply == nullptr) return values;
-    for (std::size_t i = 0; i < layout->count; ++i) {
-        const Field& f = layout->fields[i];
-        if (static_cast<std::size_t>(f.offset) + f.size > len || is_skipped(f.name, skip)) continue;
-        Value v;
-        v.name = f.name;
-        v.is_text = f.type == FieldType::STR;
-        if (v.is_text)
-            v.text = read_str(f, reply);
-        else
-            v.number = read_int(f, reply);
-        values.push_back(std::move(v));
-    }
-    return values;
-}
-
-std::string format_verb_text(const ReadVerb& verb, int code, const unsigned char* reply, std::size_t len) {
-    std::string out = "code: " + std::to_string(code) + " " + usbmgr_iil_err_str(code) + "\n";
-    if (code != 0) return out;
-    for (const Value& v : decode_reply(verb.id, reply, len, verb.args)) out += "  " + v.name + " = " + value_text(v) + "\n";
-    return out;
-}
-
-std::string format_verb_json(const ReadVerb& verb, int code, const unsigned char* reply, std::size_t len) {
-    std::string out = "{\"code\":" + std::to_string(code) + ",\"code_name\":\"" + json_escape(usbmgr_iil_err_str(code)) +
-                      "\",\"reply\":{";
-    if (code == 0) {
-        bool first = true;
-        for (const Value& v : decode_reply(verb.id, reply, len, verb.args)) {
-            if (!first) out += ",";
-            first = false;
-            out += "\"" + json_escape(v.name) + "\":" + value_json(v);
-        }
-    }
-    return out + "}}";
-}
 
 bool walk_tree(int32_t service, const Call& call, Node& tree, std::string& error) {
     tree = Node{"StorageService." + std::to_string(service), {}, {}};

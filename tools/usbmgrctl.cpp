@@ -21,9 +21,8 @@
 #include "proto/payload.h"
 #include "tools/ctl_layout.h"
 #include "tools/ctl_model.h"
-#include "tools/ctl_sharing.h"
-#include "tools/ctl_storage_write.h"
 #include "tools/ctl_text.h"
+#include "tools/ctl_verbs.h"
 
 namespace {
 
@@ -59,19 +58,10 @@ const char kUsage[] =
     "      act as DUSB_DMON: write or remove /tmp/usb/PORT and send the hot-plug\n"
     "      event (0 storage arrival, 7 storage removal, 6 serial arrival,\n"
     "      13 serial removal) with the 282-byte device record\n"
-    "  usbmgrctl services | service SERVICE | capabilities SERVICE | netinfo SERVICE\n"
-    "          | network-server SERVICE | user SERVICE USER | disk SERVICE SLOT\n"
-    "          | volume SERVICE SLOT | folder SERVICE SLOT N | user-access SERVICE SLOT N\n"
-    "          [--json]\n"
-    "      read the storage service (commands 14 to 23): services counts them;\n"
-    "      SLOT is a disk's or volume's device-table slot (0 to 24), USER a Samba\n"
-    "      user number of the settings, folder N 0 the volume root, user-access N\n"
-    "      the record's number; prints the decoded reply and its status\n"
     "  usbmgrctl tree [--service N] [--json]\n"
     "      read the whole StorageService tree (service 0 unless given): disks and\n"
     "      volumes of every slot, their folders and user access, and the users\n"
-    "  usbmgrctl help\n"
-    "settings and Samba users (commands 2 to 12):\n";
+    "  usbmgrctl help\n";
 
 int usage_error(const char* fmt, const char* arg) {
     std::fprintf(stderr, "usbmgrctl: ");
@@ -285,52 +275,18 @@ int open_client(BusConnection& bus) {
     return rc;
 }
 
-int cmd_write_verb(const usbmgrctl::WriteVerb& verb, int argc, char** argv) {
+int cmd_verb(const usbmgrctl::Verb& verb, int argc, char** argv) {
     bool json = false;
     std::vector<std::string> args = take_args(argc, argv, json);
     std::vector<unsigned char> payload;
     std::string error;
-    if (!usbmgrctl::build_write_request(verb, args, payload, error)) return usage_error("%s", error.c_str());
-    BusConnection bus;
-    if (open_client(bus) != ORBIIL_OK) return kExitFail;
-    int code = execute(bus, verb.verb.id, payload);
-    bus.close();
-    std::string out = json ? usbmgrctl::format_write_json(verb, code, payload.data(), payload.size()) + "\n"
-                           : usbmgrctl::format_write_text(verb, code, payload.data(), payload.size());
-    std::fputs(out.c_str(), stdout);
-    std::fflush(stdout);
-    return code == ORBIIL_OK ? kExitOk : kExitFail;
-}
-
-int cmd_read_verb(const usbmgrctl::ReadVerb& verb, int argc, char** argv) {
-    bool json = false;
-    std::vector<std::string> args = take_args(argc, argv, json);
-    std::vector<unsigned char> payload;
-    std::string error;
-    if (!usbmgrctl::build_read_request(verb, args, payload, error)) return usage_error("%s", error.c_str());
+    if (!usbmgrctl::build_request(verb, args, payload, error)) return usage_error("%s", error.c_str());
     BusConnection bus;
     if (open_client(bus) != ORBIIL_OK) return kExitFail;
     int code = execute(bus, verb.id, payload);
     bus.close();
     std::string out = json ? usbmgrctl::format_verb_json(verb, code, payload.data(), payload.size()) + "\n"
                            : usbmgrctl::format_verb_text(verb, code, payload.data(), payload.size());
-    std::fputs(out.c_str(), stdout);
-    std::fflush(stdout);
-    return code == ORBIIL_OK ? kExitOk : kExitFail;
-}
-
-int cmd_sharing_verb(const usbmgrctl::SharingVerb& verb, int argc, char** argv) {
-    bool json = false;
-    std::vector<std::string> args = take_args(argc, argv, json);
-    std::vector<unsigned char> payload;
-    std::string error;
-    if (!usbmgrctl::build_sharing_request(verb, args, payload, error)) return usage_error("%s", error.c_str());
-    BusConnection bus;
-    if (open_client(bus) != ORBIIL_OK) return kExitFail;
-    int code = execute(bus, verb.id, payload);
-    bus.close();
-    std::string out = json ? usbmgrctl::format_sharing_json(verb, code, payload.data(), payload.size()) + "\n"
-                           : usbmgrctl::format_sharing_text(verb, code, payload.data(), payload.size());
     std::fputs(out.c_str(), stdout);
     std::fflush(stdout);
     return code == ORBIIL_OK ? kExitOk : kExitFail;
@@ -673,22 +629,19 @@ int cmd_plug(const PlugKind& kind, int argc, char** argv) {
 
 int main(int argc, char** argv) {
     if (argc < 2) {
-        std::fprintf(stderr, "%s%s%s", kUsage, usbmgrctl::sharing_usage().c_str(), usbmgrctl::write_verbs_usage().c_str());
+        std::fprintf(stderr, "%s%s", kUsage, usbmgrctl::verbs_usage().c_str());
         return kExitUsage;
     }
     const char* sub = argv[1];
     if (std::strcmp(sub, "help") == 0 || std::strcmp(sub, "--help") == 0 || std::strcmp(sub, "-h") == 0) {
-        std::printf("%s%s%s", kUsage, usbmgrctl::sharing_usage().c_str(), usbmgrctl::write_verbs_usage().c_str());
+        std::printf("%s%s", kUsage, usbmgrctl::verbs_usage().c_str());
         return kExitOk;
     }
     if (std::strcmp(sub, "call") == 0) return cmd_call(argc - 2, argv + 2);
     if (std::strcmp(sub, "fields") == 0) return cmd_fields(argc - 2, argv + 2);
     if (std::strcmp(sub, "monitor") == 0) return cmd_monitor(argc - 2, argv + 2);
     if (std::strcmp(sub, "tree") == 0) return cmd_tree(argc - 2, argv + 2);
-    if (const usbmgrctl::ReadVerb* verb = usbmgrctl::find_read_verb(sub)) return cmd_read_verb(*verb, argc - 2, argv + 2);
-    if (const usbmgrctl::SharingVerb* verb = usbmgrctl::find_sharing_verb(sub))
-        return cmd_sharing_verb(*verb, argc - 2, argv + 2);
-    if (const usbmgrctl::WriteVerb* verb = usbmgrctl::find_write_verb(sub)) return cmd_write_verb(*verb, argc - 2, argv + 2);
+    if (const usbmgrctl::Verb* verb = usbmgrctl::find_verb(sub)) return cmd_verb(*verb, argc - 2, argv + 2);
     for (const auto& k : kPlugKinds)
         if (std::strcmp(sub, k.verb) == 0) return cmd_plug(k, argc - 2, argv + 2);
     return usage_error("unknown command '%s'", sub);

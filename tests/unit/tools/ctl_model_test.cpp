@@ -1,5 +1,4 @@
-// usbmgrctl's storage reads: requests of the typed verbs, decoded replies,
-// and the tree walk against a stand-in daemon.
+// usbmgrctl's tree walk against a stand-in daemon, and the tree as text and JSON.
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -10,25 +9,15 @@
 #include <vector>
 
 #include "proto/payload.h"
+#include "tests/support/payload_bytes.h"
 #include "tools/ctl_model.h"
 
 using usbmgrctl::Node;
-using usbmgrctl::ReadVerb;
+
+using testing_support::bytes_of;
+using testing_support::cmd_of;
 
 namespace {
-
-template <typename Cmd>
-std::vector<unsigned char> bytes_of(const Cmd& c) {
-    const unsigned char* p = reinterpret_cast<const unsigned char*>(&c);
-    return std::vector<unsigned char>(p, p + sizeof c);
-}
-
-template <typename Cmd>
-Cmd cmd_of(const std::vector<unsigned char>& p) {
-    Cmd c{};
-    std::memcpy(&c, p.data(), std::min(p.size(), sizeof c));
-    return c;
-}
 
 // Answers the reads as a daemon with service 0 holding disk slot 0 (sda),
 // volume slot 1 (sda1, two folders, user access 4 and 9) and Samba user 2.
@@ -133,108 +122,6 @@ usbmgrctl::Call call_of(StandInDaemon& d) {
 }
 
 }  // namespace
-
-TEST(CtlModel, VerbsCoverCommandsFourteenToTwentyThreeOnceEach) {
-    std::set<uint32_t> ids;
-    std::set<std::string> names;
-    for (const ReadVerb& v : usbmgrctl::read_verbs()) {
-        ids.insert(v.id);
-        names.insert(v.name);
-    }
-    EXPECT_EQ(ids, (std::set<uint32_t>{14, 15, 16, 17, 18, 19, 20, 21, 22, 23}));
-    EXPECT_EQ(names.size(), 10u);
-    EXPECT_EQ(usbmgrctl::find_read_verb("user-access")->id, 23u);
-    EXPECT_EQ(usbmgrctl::find_read_verb("tree"), nullptr);
-}
-
-TEST(CtlModel, FolderVerbPutsServiceSlotAndFolderIntoTheirFieldsOfAZeroedRequest) {
-    std::vector<unsigned char> req;
-    std::string error;
-    ASSERT_TRUE(usbmgrctl::build_read_request(*usbmgrctl::find_read_verb("folder"), {"0", "3", "1"}, req, error));
-    ASSERT_EQ(req.size(), sizeof(CmdLogicalVolumeFolder));
-    auto c = cmd_of<CmdLogicalVolumeFolder>(req);
-    EXPECT_EQ(c.service, 0);
-    EXPECT_EQ(c.slot, 3);
-    EXPECT_EQ(c.folder, 1u);
-    EXPECT_EQ(c.status, 0);
-}
-
-TEST(CtlModel, NegativeSlotsAndServicesCanBeSentToSeeTheirRefusal) {
-    std::vector<unsigned char> req;
-    std::string error;
-    ASSERT_TRUE(usbmgrctl::build_read_request(*usbmgrctl::find_read_verb("disk"), {"-1", "25"}, req, error));
-    auto c = cmd_of<CmdPhysicalMedium>(req);
-    EXPECT_EQ(c.service, -1);
-    EXPECT_EQ(c.slot, 25);
-}
-
-TEST(CtlModel, VerbWithTheWrongNumberOfArgumentsIsRefusedWithItsUsage) {
-    std::vector<unsigned char> req;
-    std::string error;
-    EXPECT_FALSE(usbmgrctl::build_read_request(*usbmgrctl::find_read_verb("user-access"), {"0", "1"}, req, error));
-    EXPECT_EQ(error, "user-access takes 3 arguments: SERVICE SLOT N");
-    EXPECT_FALSE(usbmgrctl::build_read_request(*usbmgrctl::find_read_verb("services"), {"0"}, req, error));
-    EXPECT_EQ(error, "services takes 0 arguments");
-}
-
-TEST(CtlModel, VerbArgumentThatIsNoNumberIsRefused) {
-    std::vector<unsigned char> req;
-    std::string error;
-    EXPECT_FALSE(usbmgrctl::build_read_request(*usbmgrctl::find_read_verb("volume"), {"0", "x"}, req, error));
-    EXPECT_EQ(error, "slot 'x': not a signed 32-bit number");
-}
-
-TEST(CtlModel, ReplyTextShowsTheReplyFieldsAndTheStatusWithItsMeaning) {
-    CmdLogicalVolumeFolder c{};
-    c.slot = 1;
-    std::strcpy(c.Name, "/disk/sda1");
-    c.Enable = 1;
-    c.UserAccountAccess = 3;
-    c.UserAccessNumberOfEntries = 2;
-    auto p = bytes_of(c);
-    EXPECT_EQ(usbmgrctl::format_verb_text(*usbmgrctl::find_read_verb("folder"), 0, p.data(), p.size()),
-              "code: 0 OK\n"
-              "  Name = \"/disk/sda1\"\n"
-              "  Enable = 1\n"
-              "  UserAccountAccess = 3\n"
-              "  UserAccessNumberOfEntries = 2\n"
-              "  status = 0 (success)\n");
-    c.status = -4;
-    p = bytes_of(c);
-    EXPECT_NE(usbmgrctl::format_verb_text(*usbmgrctl::find_read_verb("folder"), 0, p.data(), p.size())
-                  .find("  status = -4 (no such folder)\n"),
-              std::string::npos);
-}
-
-TEST(CtlModel, EveryStatusWordHasItsMeaning) {
-    EXPECT_STREQ(usbmgrctl::storage_status_text(-1), "service number out of range");
-    EXPECT_STREQ(usbmgrctl::storage_status_text(-2), "no disk in that slot");
-    EXPECT_STREQ(usbmgrctl::storage_status_text(-3), "no volume in that slot");
-    EXPECT_STREQ(usbmgrctl::storage_status_text(-5), "user name or password missing");
-    EXPECT_STREQ(usbmgrctl::storage_status_text(-6), "no user access with that number");
-    EXPECT_STREQ(usbmgrctl::storage_status_text(7), "unknown status");
-}
-
-TEST(CtlModel, ReplyJsonHoldsTheReplyFieldsWithoutTheRequestFields) {
-    CmdStorageUserAccess c{};
-    c.service = 0;
-    c.slot = 1;
-    c.number = 4;
-    c.tr140_index = 4;
-    std::strcpy(c.UserReference, "Storage\"Service");
-    c.Permissions = 3;
-    auto p = bytes_of(c);
-    EXPECT_EQ(usbmgrctl::format_verb_json(*usbmgrctl::find_read_verb("user-access"), 0, p.data(), p.size()),
-              "{\"code\":0,\"code_name\":\"OK\",\"reply\":{\"tr140_index\":4,"
-              "\"UserReference\":\"Storage\\\"Service\",\"Permissions\":3,\"status\":0}}");
-}
-
-TEST(CtlModel, FailedBusCallShowsOnlyTheCode) {
-    std::vector<unsigned char> none;
-    const ReadVerb& v = *usbmgrctl::find_read_verb("service");
-    EXPECT_EQ(usbmgrctl::format_verb_text(v, 4, none.data(), 0).substr(0, 8), "code: 4 ");
-    EXPECT_EQ(usbmgrctl::format_verb_text(v, 4, none.data(), 0).find("status"), std::string::npos);
-}
 
 TEST(CtlModel, TreeWalkReadsDisksVolumesFoldersUserAccessAndUsers) {
     StandInDaemon d;
@@ -355,14 +242,4 @@ TEST(CtlModel, TreeJsonNestsEveryObjectUnderItsName) {
     tree.children.push_back(Node{"LogicalVolume.1", {{"Name", true, 0, "sda1"}}, {Node{"Folder.0", {}, {}}}});
     EXPECT_EQ(usbmgrctl::render_tree_json(tree),
               "{\"StorageService.0\":{\"Enable\":1,\"LogicalVolume.1\":{\"Name\":\"sda1\",\"Folder.0\":{}}}}");
-}
-
-TEST(CtlModel, StatusWordIsToldApartFromTheStatusTextOfTheSameReply) {
-    CmdPhysicalMedium c{};
-    std::strcpy(c.Status, "Online");
-    c.status = -2;
-    auto p = bytes_of(c);
-    const std::string text = usbmgrctl::format_verb_text(*usbmgrctl::find_read_verb("disk"), 0, p.data(), p.size());
-    EXPECT_NE(text.find("  Status = \"Online\"\n"), std::string::npos);
-    EXPECT_NE(text.find("  status = -2 (no disk in that slot)\n"), std::string::npos);
 }
