@@ -119,43 +119,20 @@ int read_slot_text(const char* item, int32_t slot, char (&out)[N]) {
 
 }  // namespace
 
+// The replies of commands 2 and 3 are the settings records themselves, less
+// the fields they do not fill, which keep what the buffer held.
 void usbmgr_cmd_get_minidlna_conf(MiniDlnaConf& cmd) {
-    const MiniDlnaConf& c = MINIDLNA_CONF;
-    // conf_dir is not part of the reply: it keeps what the buffer held.
-    cmd.enable = c.enable;
-    std::memcpy(cmd.db_dir, c.db_dir, sizeof cmd.db_dir);
-    std::memcpy(cmd.log_dir, c.log_dir, sizeof cmd.log_dir);
-    std::memcpy(cmd.media_dir, c.media_dir, sizeof cmd.media_dir);
-    std::memcpy(cmd.log_level, c.log_level, sizeof cmd.log_level);
-    std::memcpy(cmd.root_container, c.root_container, sizeof cmd.root_container);
-    std::memcpy(cmd.port, c.port, sizeof cmd.port);
-    std::memcpy(cmd.friendly_name, c.friendly_name, sizeof cmd.friendly_name);
-    std::memcpy(cmd.serial, c.serial, sizeof cmd.serial);
-    std::memcpy(cmd.model_name, c.model_name, sizeof cmd.model_name);
-    std::memcpy(cmd.model_number, c.model_number, sizeof cmd.model_number);
-    std::memcpy(cmd.inotify, c.inotify, sizeof cmd.inotify);
-    std::memcpy(cmd.notify_interval, c.notify_interval, sizeof cmd.notify_interval);
+    const MiniDlnaConf held = cmd;
+    cmd = MINIDLNA_CONF;
+    std::memcpy(cmd.conf_dir, held.conf_dir, sizeof cmd.conf_dir);
 }
 
 void usbmgr_cmd_get_samba_conf(SambaConf& cmd) {
-    const SambaConf& c = SAMBA_CONF;
-    // conf_dir, username_map and username_map_dir are not part of the reply.
-    cmd.enable = c.enable;
-    std::memcpy(cmd.log_file, c.log_file, sizeof cmd.log_file);
-    std::memcpy(cmd.max_log_size, c.max_log_size, sizeof cmd.max_log_size);
-    std::memcpy(cmd.log_level, c.log_level, sizeof cmd.log_level);
-    std::memcpy(cmd.load_printers, c.load_printers, sizeof cmd.load_printers);
-    std::memcpy(cmd.printcap_name, c.printcap_name, sizeof cmd.printcap_name);
-    std::memcpy(cmd.printing, c.printing, sizeof cmd.printing);
-    std::memcpy(cmd.security, c.security, sizeof cmd.security);
-    std::memcpy(cmd.workgroup, c.workgroup, sizeof cmd.workgroup);
-    std::memcpy(cmd.disable_netbios, c.disable_netbios, sizeof cmd.disable_netbios);
-    std::memcpy(cmd.netbios_name, c.netbios_name, sizeof cmd.netbios_name);
-    std::memcpy(cmd.server_string, c.server_string, sizeof cmd.server_string);
-    std::memcpy(cmd.usershare_allow_guests, c.usershare_allow_guests, sizeof cmd.usershare_allow_guests);
-    std::memcpy(cmd.guest_account, c.guest_account, sizeof cmd.guest_account);
-    std::memcpy(cmd.interfaces, c.interfaces, sizeof cmd.interfaces);
-    std::memcpy(cmd.bind_interfaces_only, c.bind_interfaces_only, sizeof cmd.bind_interfaces_only);
+    const SambaConf held = cmd;
+    cmd = SAMBA_CONF;
+    std::memcpy(cmd.conf_dir, held.conf_dir, sizeof cmd.conf_dir);
+    std::memcpy(cmd.username_map, held.username_map, sizeof cmd.username_map);
+    std::memcpy(cmd.username_map_dir, held.username_map_dir, sizeof cmd.username_map_dir);
 }
 
 void usbmgr_cmd_get_usb_serial_enable(CmdGetUsbSerialEnable& cmd) { cmd.enable = USB_SERIAL_ENABLE; }
