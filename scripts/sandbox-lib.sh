@@ -11,6 +11,9 @@
 #   log_has TEXT                                 TEXT is in $ORBIIL_LOG_FILE
 #   wait_log TEXT TIMEOUT_S                      wait until TEXT is in the log
 #   bus_has_name NAME                            org.orbiil.NAME is owned on the bus
+#   check DESCRIPTION COMMAND...                 one "ok"/"not ok" line of a test
+#   expect DESCRIPTION EXPECTED COMMAND...       check that the output is EXPECTED
+#   start_monitor, count_kind K, kind_time K N   notifications seen (in $work)
 #
 # Every function returns non-zero on failure and says why on stderr.
 
@@ -414,5 +417,39 @@ check() {
     else
         echo "not ok - $what"
         failed=$((failed + 1))
+    fi
+}
+
+# Microseconds of the wall clock, for the gaps a test measures.
+now_us() { echo "${EPOCHREALTIME/./}"; }
+
+# start_monitor: `usbmgrctl monitor` in the background, each line it prints
+# written to $work/mon.out with the time it was read (µs) in front; its pid
+# in $monitor_pid. Returns once the monitor has subscribed.
+start_monitor() {
+    usbmgrctl monitor 2>"$work/mon.err" > >(while IFS= read -r line; do
+        echo "$(now_us) $line"
+    done >"$work/mon.out") &
+    monitor_pid=$!
+    wait_for "grep -q monitoring '$work/mon.err'" 5
+}
+# count_kind K: notifications of change kind K seen so far.
+count_kind() { grep -c " kind $1 " "$work/mon.out" || true; }
+# kind_time K N: time (µs) of the Nth (1-based) notification of kind K.
+kind_time() { grep " kind $1 " "$work/mon.out" | sed -n "$2p" | cut -d' ' -f1; }
+
+# expect DESCRIPTION EXPECTED COMMAND...: a check that the command's output
+# is exactly EXPECTED; shows both when it is not.
+expect() {
+    local what=$1 want=$2
+    shift 2
+    local got
+    got=$("$@" 2>&1)
+    if [ "$got" = "$want" ]; then
+        check "$what" true
+    else
+        echo "# want: $want"
+        echo "# got:  $got"
+        check "$what" false
     fi
 }

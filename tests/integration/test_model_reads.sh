@@ -15,20 +15,6 @@ cleanup() {
 }
 trap cleanup EXIT
 
-# expect DESCRIPTION EXPECTED COMMAND...: the command's output is exactly EXPECTED.
-expect() {
-    local what=$1 want=$2
-    shift 2
-    local got
-    got=$("$@" 2>&1)
-    if [ "$got" = "$want" ]; then
-        check "$what" true
-    else
-        echo "# want: $want"
-        echo "# got:  $got"
-        check "$what" false
-    fi
-}
 
 ok='"code":0,"code_name":"OK"'
 status_only() { echo "{$ok,\"reply\":{$1\"status\":$2}}"; }

@@ -42,16 +42,6 @@ settings_parseable() {
 # One reply field of a verb, as text ("  NAME = VALUE").
 field_of() { sed -n "s/^  $1 = //p"; }
 
-now_us() { echo "${EPOCHREALTIME/./}"; }
-start_monitor() {
-    usbmgrctl monitor 2>"$work/mon.err" > >(while IFS= read -r line; do
-        echo "$(now_us) $line"
-    done >"$work/mon.out") &
-    monitor_pid=$!
-    wait_for "grep -q monitoring '$work/mon.err'" 5
-}
-count_kind() { grep -c " kind $1 " "$work/mon.out" || true; }
-kind_time() { grep " kind $1 " "$work/mon.out" | sed -n "$2p" | cut -d' ' -f1; }
 
 check "the factory settings enable Samba" [ "$(conf_setting USBMGR.SAMBA.ENABLE)" = 1 ]
 check "the factory settings enable MiniDLNA" [ "$(conf_setting USBMGR.MINIDLNA.ENABLE)" = 1 ]

@@ -31,20 +31,8 @@ cleanup() {
 }
 trap cleanup EXIT
 
-now_us() { echo "${EPOCHREALTIME/./}"; }
 
-# The monitor's lines, each prefixed with the time it was read (µs).
-start_monitor() {
-    usbmgrctl monitor 2>"$work/mon.err" > >(while IFS= read -r line; do
-        echo "$(now_us) $line"
-    done >"$work/mon.out") &
-    monitor_pid=$!
-    wait_for "grep -q monitoring '$work/mon.err'" 5
-}
 
-count_kind() { grep -c " kind $1 " "$work/mon.out" || true; }
-# Time (µs) of the Nth (1-based) notification of kind K.
-kind_time() { grep " kind $1 " "$work/mon.out" | sed -n "$2p" | cut -d' ' -f1; }
 
 mounted_as() { [ "$(findmnt -rn -o SOURCE,FSTYPE --mountpoint "$1" 2>/dev/null)" = "$2" ]; }
 not_mounted() { ! findmnt -rn --mountpoint "$1" >/dev/null 2>&1; }
