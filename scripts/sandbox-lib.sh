@@ -377,8 +377,11 @@ start_daemon() {
     wait_for "bus_has_name USBMGR_DMON" 10 || return 1
     # The command table is installed just after readiness is reported.
     wait_for "usbmgrctl call 14" 10 || return 1
+    # The daemon is the oldest usbmgrd once its parent has ended: a newer one
+    # may be a child of the daemon's own about to run a command (seen under
+    # ThreadSanitizer, where a fork takes long enough to be listed).
     local pid
-    pid=$(pgrep -n -x usbmgrd) || {
+    pid=$(pgrep -o -x usbmgrd) || {
         _sandbox_err "usbmgrd is not running"
         return 1
     }

@@ -75,7 +75,7 @@ gone() { ! _sandbox_alive "$1"; }
 rc=0
 setsid --wait usbmgrd debug </dev/null >>/var/log/usbmgrd.out 2>&1 || rc=$?
 check "parent exits 0 once the child is on the bus" [ "$rc" -eq 0 ]
-daemon=$(pgrep -n -x usbmgrd || true)
+daemon=$(pgrep -o -x usbmgrd || true)
 check "a daemon child remains after the parent ended" [ -n "$daemon" ]
 check "the daemon owns org.orbiil.USBMGR_DMON" wait_for "bus_has_name USBMGR_DMON" 10
 check "the daemon serves commands" wait_for "usbmgrctl call 14" 10
@@ -117,7 +117,7 @@ check "the first daemon ends on SIGTERM" gone "$daemon"
 # --- SIGTERM ends the daemon with status 0
 daemon=$(reaped_start term) || daemon=""
 check "reaper: parent exits 0" grep -qx 'parent 0' "$work/term.report"
-check "reaper: the child is the running usbmgrd" [ -n "$daemon" -a "$daemon" = "$(pgrep -n -x usbmgrd || true)" ]
+check "reaper: the child is the running usbmgrd" [ -n "$daemon" -a "$daemon" = "$(pgrep -o -x usbmgrd || true)" ]
 if [ -n "$daemon" ]; then
     kill -TERM "$daemon"
     check "SIGTERM ends the daemon within 5 s" wait_for "grep -q '^exit $daemon ' '$work/term.report'" 5

@@ -156,7 +156,7 @@ for id in 2 3 4 5 6 7 8 9 10 11 12; do
     check "random $id: the daemon still serves" answers
     check "random $id: the settings file stays one key=value a line" settings_parseable
 done
-check "hostile: the daemon is the one started" [ "$(pgrep -n -x usbmgrd)" = "$daemon" ]
+check "hostile: the daemon is the one started" [ "$(pgrep -o -x usbmgrd)" = "$daemon" ]
 check "hostile: the settings file still loads (every key present)" \
     [ "$(grep -cE '^USBMGR\.(MINIDLNA|SAMBA)\.[A-Z_]+=' "$settings")" -ge 33 ]
 

@@ -55,8 +55,6 @@ printf '%s\n' USBMGR.SAMBA.USER_NAME.0=alice USBMGR.SAMBA.USER_PASSWORD.0=alice-
 
 daemon=$(start_daemon debug)
 check "daemon started" [ -n "$daemon" ]
-# The daemon is the oldest usbmgrd: a newer one may be a child about to run a command.
-daemon=$(pgrep -o -x usbmgrd)
 start_monitor
 usbmgrctl plug --port 1-1 --device sda,sda1,sda2 --serial SER-WRITES --vendor ACME --product Stick >/dev/null
 check "plug: both volumes are shared" wait_for "has_share sda1 && has_share sda2" 30
