@@ -6,6 +6,7 @@
 // their whole work, server starts and stops included.
 #include <cstdlib>
 #include <cstring>
+#include <span>
 
 #include "app_util/app_util.h"
 #include "db_util/db_util.h"
@@ -90,8 +91,7 @@ void store_text(const TextSetting& s, const char* value) {
 // Applies one named setting to its record: a text setting, the enable (the
 // decimal value of the text, as atoi reads it), reload or an unknown name
 // (both change nothing).
-template <std::size_t N>
-SetKind apply_setting(const TextSetting (&table)[N], int32_t& enable, const char* name, const char* value) {
+SetKind apply_setting(std::span<const TextSetting> table, int32_t& enable, const char* name, const char* value) {
     if (std::strcmp(name, "enable") == 0) {
         enable = static_cast<int32_t>(std::strtol(value, nullptr, 10));
         return SetKind::enable;
@@ -104,6 +104,43 @@ SetKind apply_setting(const TextSetting (&table)[N], int32_t& enable, const char
         }
     }
     return SetKind::unknown;
+}
+
+// What commands 5 and 6 differ in: the names they take, the enable, the
+// reload target, and for Samba that the model shows its state and the
+// change is published (kind 2) after the reload.
+struct ServerSettings {
+    std::span<const TextSetting> names;
+    int32_t& enable;
+    int32_t reload_target;
+    bool samba;
+    int (*start)();
+    void (*stop)();
+};
+
+// Commands 5 and 6: one setting set under the lock. Any name but "reload"
+// saves the settings; any name but "enable" arms the deferred reload, whose
+// target it overwrites (a MiniDLNA change made while both servers wait for
+// their reload leaves only the MiniDLNA reload); a changed enable starts or
+// stops the server at once.
+void set_server_setting(const ServerSettings& server, const CmdSetConf& cmd) {
+    const int32_t before = server.enable;
+    usbmgr::DaemonLock lock;
+    const FieldText name(cmd.name);
+    const FieldText value(cmd.value);
+    const SetKind kind = apply_setting(server.names, server.enable, name.text, value.text);
+    if (kind != SetKind::reload) usbmgr_conf_save();
+    if (server.samba) usbmgr_tr140_db_build();  // the model shows the Samba state
+    if (kind != SetKind::enable) {
+        // Subscribers hear of a Samba change after the reload.
+        if (server.samba) dp_util_evt_buf_write(USBMGR_TR140_SERVICE_CHANGE);
+        usbmgr_arm_reload(server.reload_target);
+    } else if (server.enable != before) {
+        if (server.enable != 0)
+            server.start();
+        else
+            server.stop();
+    }
 }
 
 // Reads one key of user slot i into out; 0 found, -1 not.
@@ -138,44 +175,14 @@ void usbmgr_cmd_get_samba_conf(SambaConf& cmd) {
 void usbmgr_cmd_get_usb_serial_enable(CmdGetUsbSerialEnable& cmd) { cmd.enable = USB_SERIAL_ENABLE; }
 
 void usbmgr_cmd_set_minidlna_conf(CmdSetConf& cmd) {
-    const int32_t before = MINIDLNA_CONF.enable;
-    usbmgr::DaemonLock lock;
-    const FieldText name(cmd.name);
-    const FieldText value(cmd.value);
-    const SetKind kind = apply_setting(kMiniDlnaSettings, MINIDLNA_CONF.enable, name.text, value.text);
-    if (kind != SetKind::reload) usbmgr_conf_save();
-    if (kind != SetKind::enable) {
-        // Overwrites a pending target: a MiniDLNA change made while both
-        // servers wait for their reload leaves only the MiniDLNA reload.
-        usbmgr_arm_reload(kReloadMiniDlna);
-    } else if (MINIDLNA_CONF.enable != before) {
-        if (MINIDLNA_CONF.enable != 0)
-            app_util_start_minidlna();
-        else
-            app_util_stop_minidllna();
-    }
+    set_server_setting({kMiniDlnaSettings, MINIDLNA_CONF.enable, kReloadMiniDlna, false, app_util_start_minidlna,
+                        app_util_stop_minidllna},
+                       cmd);
 }
 
 void usbmgr_cmd_set_samba_conf(CmdSetConf& cmd) {
-    const int32_t before = SAMBA_CONF.enable;
-    usbmgr::DaemonLock lock;
-    const FieldText name(cmd.name);
-    const FieldText value(cmd.value);
-    const SetKind kind = apply_setting(kSambaSettings, SAMBA_CONF.enable, name.text, value.text);
-    if (kind != SetKind::reload) usbmgr_conf_save();
-    // The model shows the Samba state.
-    usbmgr_tr140_db_build();
-    if (kind != SetKind::enable) {
-        // Subscribers hear of the change after the reload; the target is
-        // overwritten, not added to.
-        dp_util_evt_buf_write(USBMGR_TR140_SERVICE_CHANGE);
-        usbmgr_arm_reload(kReloadSamba);
-    } else if (SAMBA_CONF.enable != before) {
-        if (SAMBA_CONF.enable != 0)
-            app_util_start_samba();
-        else
-            app_util_stop_samba();
-    }
+    set_server_setting({kSambaSettings, SAMBA_CONF.enable, kReloadSamba, true, app_util_start_samba, app_util_stop_samba},
+                       cmd);
 }
 
 void usbmgr_cmd_set_usb_serial_enable(CmdSetUsbSerialEnable& cmd) {
