@@ -36,6 +36,15 @@ if [ "${1:-}" = --inner ]; then
     shares() { smbclient -L 127.0.0.1 -N -g 2>/dev/null | awk -F'|' '$1 == "Disk" { print $2 }' | LC_ALL=C sort; }
     shares_are() { [ "$(shares | tr '\n' ' ')" = "$1" ]; }
     minidlna_starts() { grep -cF "run command : /sbin/minidlnad" "$ORBIIL_LOG_FILE" || true; }
+    # read_share SHARE USER%PASS FILE EXPECTED: shows the command and the file
+    # read through Samba, and fails unless the file is EXPECTED.
+    read_share() {
+        local got
+        echo "\$ smbclient //127.0.0.1/$1 -U '$2' -c 'get $3 -'"
+        got=$(smbclient "//127.0.0.1/$1" -U "$2" -c "get $3 -" 2>/dev/null) || fail "reading $1 through Samba failed"
+        echo "$got"
+        echo "$got" | grep -qx "$4" || fail "$1's file did not come back through Samba"
+    }
 
     heading "Factory settings: Samba and MiniDLNA enabled (/var/config/usbmgr.conf)"
     grep -E '^USBMGR\.(SAMBA|MINIDLNA)\.(ENABLE|CONF_DIR|FRIENDLY_NAME|PORT|USERNAME_MAP)=' /var/config/usbmgr.conf
@@ -122,14 +131,8 @@ if [ "${1:-}" = --inner ]; then
     echo "Hello from the ext4 disk" >/tmp/disk/sda1/hello.txt
     echo "Hello from the NTFS disk" >/tmp/disk/sdb1/hello.txt
     echo "(alice is mapped to the gateway account root, so she logs in with root's password)"
-    echo "\$ smbclient //127.0.0.1/sda1 -U 'alice%demo-pw' -c 'get hello.txt -'"
-    got=$(smbclient //127.0.0.1/sda1 -U 'alice%demo-pw' -c 'get hello.txt -' 2>/dev/null) || fail "reading sda1 through Samba failed"
-    echo "$got"
-    echo "$got" | grep -qx "Hello from the ext4 disk" || fail "sda1's file did not come back through Samba"
-    echo "\$ smbclient //127.0.0.1/sdb1 -U 'alice%demo-pw' -c 'get hello.txt -'"
-    got=$(smbclient //127.0.0.1/sdb1 -U 'alice%demo-pw' -c 'get hello.txt -' 2>/dev/null) || fail "reading sdb1 through Samba failed"
-    echo "$got"
-    echo "$got" | grep -qx "Hello from the NTFS disk" || fail "sdb1's file did not come back through Samba"
+    read_share sda1 'alice%demo-pw' hello.txt "Hello from the ext4 disk"
+    read_share sdb1 'alice%demo-pw' hello.txt "Hello from the NTFS disk"
     echo "\$ smbclient //127.0.0.1/sda1 -U 'alice%wrong' -c 'get hello.txt -'"
     if smbclient //127.0.0.1/sda1 -U 'alice%wrong' -c 'get hello.txt -' >"$demo/wrong.out" 2>&1; then
         fail "a wrong password was accepted"
@@ -186,10 +189,7 @@ if [ "${1:-}" = --inner ]; then
     smbclient -L 127.0.0.1 -N 2>/dev/null | sed -n '/Sharename/,/^$/p'
     echo "Holiday photo" >/tmp/disk/sda2/photo.txt
     echo "(bob is mapped to the gateway account root too, so he logs in with root's password)"
-    echo "\$ smbclient //127.0.0.1/Photos -U 'bob%demo-pw' -c 'get photo.txt -'"
-    got=$(smbclient //127.0.0.1/Photos -U 'bob%demo-pw' -c 'get photo.txt -' 2>/dev/null) || fail "reading Photos through Samba failed"
-    echo "$got"
-    echo "$got" | grep -qx "Holiday photo" || fail "the file did not come back through the renamed share"
+    read_share Photos 'bob%demo-pw' photo.txt "Holiday photo"
 
     slot=$(disk_slot DEMO-NTFS) || fail "the NTFS disk has no table slot"
     heading "Safe removal of the NTFS disk (table slot $slot): usbmgrctl safe-remove 0 $slot (command 36)"
