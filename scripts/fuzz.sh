@@ -4,13 +4,26 @@
 # invariant or an input that runs longer than 10 s is written to
 # tests/fuzz/findings/ and makes the script fail.
 #
-#   scripts/fuzz.sh [SECONDS] [TARGET...]      (default 30 s, every target)
+#   scripts/fuzz.sh [-j JOBS] [--merge] [SECONDS] [TARGET...]
 #
-# New inputs that reach new code are kept in build-fuzz/corpus/TARGET; the
-# checked-in seeds in tests/fuzz/corpus/TARGET are only read.
+# Default 30 s, every target, one at a time. -j runs that many targets at
+# once (the long runs: `scripts/fuzz.sh -j 2 --merge 3600`). New inputs that
+# reach new code are kept in build-fuzz/corpus/TARGET; --merge afterwards
+# adds to the checked-in corpus tests/fuzz/corpus/TARGET only those that
+# reach code its inputs do not, so the checked-in corpus stays minimal.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+jobs=1
+merge=0
+while [[ $# -gt 0 ]]; do
+    case $1 in
+        -j) jobs=$2; shift 2 ;;
+        --merge) merge=1; shift ;;
+        *) break ;;
+    esac
+done
+[[ $jobs =~ ^[1-9][0-9]*$ ]] || { echo "fuzz.sh: -j wants a number" >&2; exit 2; }
 seconds=30
 if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
     seconds=$1
@@ -33,26 +46,58 @@ CC=clang CXX=clang++ cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithD
 cmake --build "$build" -j2 --target "${targets[@]}"
 
 mkdir -p tests/fuzz/findings
-failed=()
-for t in "${targets[@]}"; do
+
+# Runs one target; its summary line goes to $build/$t.result, first word
+# "ok" or "finding".
+run_target() {
+    local t=$1 log="$build/$1.log" rc=0
     mkdir -p "$build/corpus/$t"
-    log="$build/$t.log"
-    rc=0
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ASAN_OPTIONS=detect_leaks=1 \
         "$build/tests/fuzz/$t" "$build/corpus/$t" "tests/fuzz/corpus/$t" \
         -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
         -artifact_prefix="tests/fuzz/findings/$t-" >"$log" 2>&1 || rc=$?
+    local runs rate cov
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
     rate=$(sed -n 's/^stat::average_exec_per_sec: *//p' "$log" | tail -n 1)
+    cov=$(grep -oE 'cov: [0-9]+' "$log" | tail -n 1 | cut -d' ' -f2)
     if [[ $rc -eq 0 ]]; then
-        echo "$t: ${runs:-0} executions (${rate:-0}/s), no finding"
+        echo "ok $t: ${runs:-0} executions (${rate:-0}/s), ${cov:-?} edges, no finding" >"$build/$t.result"
     else
-        echo "$t: FINDING after ${runs:-?} executions (exit $rc); log $log"
-        grep -E '==FINDING==|runtime error|ERROR: (AddressSanitizer|libFuzzer)|SUMMARY|Test unit written' "$log" |
-            head -n 8 | sed 's/^/    /'
-        failed+=("$t")
+        {
+            echo "finding $t: FINDING after ${runs:-?} executions (exit $rc); log $log"
+            grep -E '==FINDING==|runtime error|ERROR: (AddressSanitizer|libFuzzer)|SUMMARY|Test unit written' "$log" |
+                head -n 8 | sed 's/^/    /'
+        } >"$build/$t.result"
+    fi
+}
+
+running=0
+for t in "${targets[@]}"; do
+    rm -f "$build/$t.result"
+    run_target "$t" &
+    running=$((running + 1))
+    if [[ $running -ge $jobs ]]; then
+        wait -n || true
+        running=$((running - 1))
     fi
 done
+wait
+
+failed=()
+for t in "${targets[@]}"; do
+    result="$build/$t.result"
+    [[ -f $result ]] || { echo "$t: no result" ; failed+=("$t"); continue; }
+    sed 's/^[a-z]* //' "$result"
+    [[ $(head -c 2 "$result") == ok ]] || failed+=("$t")
+done
+
+if [[ $merge -eq 1 ]]; then
+    for t in "${targets[@]}"; do
+        before=$(ls "tests/fuzz/corpus/$t" | wc -l)
+        "$build/tests/fuzz/$t" -merge=1 "tests/fuzz/corpus/$t" "$build/corpus/$t" >"$build/$t.merge.log" 2>&1
+        echo "$t: checked-in corpus $before -> $(ls "tests/fuzz/corpus/$t" | wc -l) inputs"
+    done
+fi
 
 if [[ ${#failed[@]} -gt 0 ]]; then
     echo "fuzz.sh: findings in ${failed[*]}"
