@@ -11,6 +11,7 @@ packages=(
     samba smbclient minidlna ntfs-3g
     psmisc e2fsprogs iproute2 util-linux fdisk curl procps python3
     clang libclang-rt-14-dev
+    g++-mips-linux-gnu qemu-user-static
 )
 
 installed() {

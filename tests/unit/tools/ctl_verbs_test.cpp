@@ -4,6 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
+#include <cstddef>
 #include <cstring>
 #include <set>
 #include <string>
@@ -432,4 +434,64 @@ TEST(CtlVerbs, ABusFailureOfAChangeShowsOnlyTheCode) {
         usbmgrctl::format_verb_text(*usbmgrctl::find_verb("safe-remove"), 3, bytes.data(), bytes.size());
     EXPECT_EQ(text.find("status"), std::string::npos);
     EXPECT_EQ(text.rfind("code: 3 ", 0), 0u);
+}
+
+// Payloads travel in the sender's byte order, as the bus library carries
+// them: usbmgrctl writes and reads the words exactly as the daemon's structs
+// lay them out. The expected bytes are spelled out for both orders, and the
+// tests run on the build machine and, under emulation, on the gateway's
+// big-endian processor.
+namespace {
+
+std::vector<unsigned char> word_bytes(uint32_t v) {
+    std::vector<unsigned char> b{static_cast<unsigned char>(v >> 24), static_cast<unsigned char>(v >> 16),
+                                 static_cast<unsigned char>(v >> 8), static_cast<unsigned char>(v)};
+    if constexpr (std::endian::native == std::endian::little) std::reverse(b.begin(), b.end());
+    return b;
+}
+
+std::vector<unsigned char> bytes_at(const std::vector<unsigned char>& p, std::size_t offset) {
+    return std::vector<unsigned char>(p.begin() + static_cast<std::ptrdiff_t>(offset),
+                                      p.begin() + static_cast<std::ptrdiff_t>(offset + 4));
+}
+
+}  // namespace
+
+TEST(CtlVerbs, RequestWordsTravelInTheHostByteOrder) {
+    static_assert(std::endian::native == std::endian::little || std::endian::native == std::endian::big);
+    auto req = request("folder", {"-2", "258", "16909060"});
+    ASSERT_EQ(req.size(), sizeof(CmdLogicalVolumeFolder));
+    EXPECT_EQ(bytes_at(req, offsetof(CmdLogicalVolumeFolder, service)), word_bytes(0xfffffffeu));
+    EXPECT_EQ(bytes_at(req, offsetof(CmdLogicalVolumeFolder, slot)), word_bytes(0x00000102u));
+    EXPECT_EQ(bytes_at(req, offsetof(CmdLogicalVolumeFolder, folder)), word_bytes(0x01020304u));
+    if constexpr (std::endian::native == std::endian::big) {
+        EXPECT_EQ(bytes_at(req, offsetof(CmdLogicalVolumeFolder, slot)),
+                  (std::vector<unsigned char>{0x00, 0x00, 0x01, 0x02}));
+    } else {
+        EXPECT_EQ(bytes_at(req, offsetof(CmdLogicalVolumeFolder, slot)),
+                  (std::vector<unsigned char>{0x02, 0x01, 0x00, 0x00}));
+    }
+    // The daemon's view of the same bytes.
+    auto c = cmd_of<CmdLogicalVolumeFolder>(req);
+    EXPECT_EQ(c.service, -2);
+    EXPECT_EQ(c.slot, 258);
+    EXPECT_EQ(c.folder, 16909060u);
+}
+
+TEST(CtlVerbs, ReplyWordsAreReadInTheHostByteOrder) {
+    CmdLogicalVolumeFolder c{};
+    auto p = bytes_of(c);
+    auto put = [&p](std::size_t offset, uint32_t v) {
+        auto b = word_bytes(v);
+        std::copy(b.begin(), b.end(), p.begin() + static_cast<std::ptrdiff_t>(offset));
+    };
+    put(offsetof(CmdLogicalVolumeFolder, Enable), 1);
+    put(offsetof(CmdLogicalVolumeFolder, UserAccountAccess), 0x00000100u);
+    put(offsetof(CmdLogicalVolumeFolder, UserAccessNumberOfEntries), 0x01020304u);
+    put(offsetof(CmdLogicalVolumeFolder, status), 0xfffffffcu);
+    auto text = usbmgrctl::format_verb_text(verb("folder"), 0, p.data(), p.size());
+    EXPECT_NE(text.find("  Enable = 1\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("  UserAccountAccess = 256\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("  UserAccessNumberOfEntries = 16909060\n"), std::string::npos) << text;
+    EXPECT_NE(text.find("  status = -4 (no such folder)\n"), std::string::npos) << text;
 }
