@@ -1,13 +1,14 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets (clang, ASan + UBSan) in build-fuzz and runs
 # each one for SECONDS on its corpus. A crash, a sanitizer report, a broken
-# invariant or an input that runs longer than 10 s is written to
+# invariant or an input that runs too long (-t) is written to
 # tests/fuzz/findings/ and makes the script fail.
 #
-#   scripts/fuzz.sh [-j JOBS] [--merge] [SECONDS] [TARGET...]
+#   scripts/fuzz.sh [-j JOBS] [-t TIMEOUT] [--merge] [SECONDS] [TARGET...]
 #
 # Default 30 s, every target, one at a time. -j runs that many targets at
-# once (the long runs: `scripts/fuzz.sh -j 2 --merge 3600`). New inputs that
+# once; -t sets how long one input may run (10 s; the long runs share the
+# machine at a lower priority and give it more: `scripts/fuzz-long.sh`). New inputs that
 # reach new code are kept in build-fuzz/corpus/TARGET; --merge afterwards
 # adds to the checked-in corpus tests/fuzz/corpus/TARGET only those that
 # reach code its inputs do not, so the checked-in corpus stays minimal.
@@ -16,14 +17,16 @@ cd "$(dirname "$0")/.."
 
 jobs=1
 merge=0
+timeout=10
 while [[ $# -gt 0 ]]; do
     case $1 in
         -j) jobs=$2; shift 2 ;;
+        -t) timeout=$2; shift 2 ;;
         --merge) merge=1; shift ;;
         *) break ;;
     esac
 done
-[[ $jobs =~ ^[1-9][0-9]*$ ]] || { echo "fuzz.sh: -j wants a number" >&2; exit 2; }
+[[ $jobs =~ ^[1-9][0-9]*$ && $timeout =~ ^[1-9][0-9]*$ ]] || { echo "fuzz.sh: -j and -t want numbers" >&2; exit 2; }
 seconds=30
 if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
     seconds=$1
@@ -54,7 +57,7 @@ run_target() {
     mkdir -p "$build/corpus/$t"
     UBSAN_OPTIONS=print_stacktrace=1:halt_on_error=1 ASAN_OPTIONS=detect_leaks=1 \
         "$build/tests/fuzz/$t" "$build/corpus/$t" "tests/fuzz/corpus/$t" \
-        -max_total_time="$seconds" -timeout=10 -print_final_stats=1 \
+        -max_total_time="$seconds" -timeout="$timeout" -print_final_stats=1 \
         -artifact_prefix="tests/fuzz/findings/$t-" >"$log" 2>&1 || rc=$?
     local runs rate cov
     runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -n 1)
