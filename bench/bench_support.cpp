@@ -16,18 +16,45 @@ namespace bench_support {
 
 bool isolate() { return testing_support::enter_private_dirs(); }
 
-usbmgr::RunResult TrueRunner::start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
-                                             const usbmgr::StartedFn& started) {
+usbmgr::RunResult RecordingRunner::start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
+                                                  const usbmgr::StartedFn& started) {
     usbmgr::RunResult r;
     if (!cmd.valid) return r;
-    // Every command costs what starting a small program costs.
-    r = real_.run(true_, capture, started);
+    if (start_programs_) {
+        // Every command costs what starting a small program costs.
+        r = real_.run(true_, capture, started);
+    } else {
+        r.started = true;
+        if (started) started();
+    }
     std::lock_guard<std::mutex> lock(mutex_);
     texts_.push_back(cmd.text);
+    answer(cmd.text, r);
+    return r;
+}
+
+std::vector<std::string> RecordingRunner::texts() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return texts_;
+}
+
+std::size_t RecordingRunner::count_starting(const std::string& prefix) const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::size_t n = 0;
+    for (const auto& t : texts_)
+        if (t.rfind(prefix, 0) == 0) ++n;
+    return n;
+}
+
+void RecordingRunner::clear_texts() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    texts_.clear();
+}
+
+void TrueRunner::answer(const std::string& t, usbmgr::RunResult& r) {
     static const std::string kMount = "mount -v -t auto ";
     static const std::string kUmount = "umount ";
     static const std::string kCheck = "mount | grep ";
-    const std::string& t = cmd.text;
     if (t.rfind(kMount, 0) == 0) {
         std::string rest = t.substr(kMount.size());
         mounted_.insert(rest.substr(rest.find(' ') + 1));
@@ -37,65 +64,28 @@ usbmgr::RunResult TrueRunner::start_and_wait(const usbmgr::CommandLine& cmd, boo
         std::string folder = t.substr(kCheck.size(), t.find(' ', kCheck.size()) - kCheck.size());
         if (mounted_.count(folder)) r.output = "/var/dev/x on " + folder + " type ext4 (rw)\n";
     }
-    return r;
-}
-
-std::vector<std::string> TrueRunner::texts() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return texts_;
-}
-
-std::size_t TrueRunner::count_starting(const std::string& prefix) const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::size_t n = 0;
-    for (const auto& t : texts_)
-        if (t.rfind(prefix, 0) == 0) ++n;
-    return n;
 }
 
 void TrueRunner::clear() {
+    clear_texts();
     std::lock_guard<std::mutex> lock(mutex_);
-    texts_.clear();
     mounted_.clear();
 }
 
-usbmgr::RunResult WorldRunner::start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
-                                              const usbmgr::StartedFn& started) {
-    usbmgr::RunResult r;
-    if (!cmd.valid) return r;
-    if (start_programs_) {
-        r = real_.run(true_, capture, started);
-    } else {
-        r.started = true;
-        if (started) started();
-    }
-    std::lock_guard<std::mutex> lock(mutex_);
-    texts_.push_back(cmd.text);
+void WorldRunner::answer(const std::string& t, usbmgr::RunResult& r) {
     static const std::string kDf = "df -m | grep ";
     static const std::string kMount = "mount | grep ";
     static const std::string kTail = " 2>&1";
-    const std::string& t = cmd.text;
     const bool df = t.rfind(kDf, 0) == 0;
-    if (!df && t.rfind(kMount, 0) != 0) return r;
+    if (!df && t.rfind(kMount, 0) != 0) return;
     const std::size_t head = df ? kDf.size() : kMount.size();
-    if (t.size() < head + kTail.size()) return r;
+    if (t.size() < head + kTail.size()) return;
     const std::string pattern = t.substr(head, t.size() - head - kTail.size());
     for (const std::string& v : volumes_) {
         std::string line = df ? "/var/dev/" + v + " 1000 100 900 10% /tmp/disk/" + v
                               : "/var/dev/" + v + " on /tmp/disk/" + v + " type ext4 (rw,relatime)";
         if (line.find(pattern) != std::string::npos) r.output += line + "\n";
     }
-    return r;
-}
-
-std::vector<std::string> WorldRunner::texts() const {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return texts_;
-}
-
-void WorldRunner::clear_texts() {
-    std::lock_guard<std::mutex> lock(mutex_);
-    texts_.clear();
 }
 
 namespace {

@@ -21,52 +21,60 @@ namespace bench_support {
 // a message on stderr, when that cannot be had.
 bool isolate();
 
-class TrueRunner final : public usbmgr::CommandRunner {
+// Records every command line and runs /bin/true in its place (or nothing,
+// with set_start_programs(false), which leaves only the caller's own work
+// to measure); answer() then fills in the output the command would give.
+class RecordingRunner : public usbmgr::CommandRunner {
 public:
     std::vector<std::string> texts() const;
     // How many command lines so far start with prefix.
     std::size_t count_starting(const std::string& prefix) const;
-    void clear();  // forgets the command lines and the mounts
+    void clear_texts();
+    void set_start_programs(bool start) { start_programs_ = start; }
 
 protected:
     usbmgr::RunResult start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
-                                     const usbmgr::StartedFn& started) override;
+                                     const usbmgr::StartedFn& started) final;
+    // Called with the lock held, after the command line is recorded.
+    virtual void answer(const std::string& text, usbmgr::RunResult& r) = 0;
+
+    mutable std::mutex mutex_;
 
 private:
-    mutable std::mutex mutex_;
     std::vector<std::string> texts_;
-    std::set<std::string> mounted_;
+    std::atomic<bool> start_programs_{true};
     usbmgr::SystemRunner real_;
     usbmgr::CommandLine true_ = usbmgr::CommandLine::exec({"/bin/true"});
 };
 
-// Attached storage for the model builder and the read commands: every
-// command costs one real start of /bin/true, and "df -m | grep NAME 2>&1"
-// and "mount | grep NAME 2>&1" answer as the kernel's lines filtered by
-// grep would, for the volumes plugged through plug_world.
-class WorldRunner final : public usbmgr::CommandRunner {
+// Mount checks answer like a kernel whose mounts succeed.
+class TrueRunner final : public RecordingRunner {
+public:
+    void clear();  // forgets the command lines and the mounts
+
+protected:
+    void answer(const std::string& text, usbmgr::RunResult& r) override;
+
+private:
+    std::set<std::string> mounted_;
+};
+
+// Attached storage for the model builder and the read commands:
+// "df -m | grep NAME 2>&1" and "mount | grep NAME 2>&1" answer as the
+// kernel's lines filtered by grep would, for the volumes plugged through
+// plug_world.
+class WorldRunner final : public RecordingRunner {
 public:
     void add_volume(const std::string& name) {
         std::lock_guard<std::mutex> lock(mutex_);
         volumes_.insert(name);
     }
-    std::vector<std::string> texts() const;
-    void clear_texts();
-    // With false, commands are answered without starting anything, which
-    // leaves only the caller's own work to measure.
-    void set_start_programs(bool start) { start_programs_ = start; }
 
 protected:
-    usbmgr::RunResult start_and_wait(const usbmgr::CommandLine& cmd, bool capture,
-                                     const usbmgr::StartedFn& started) override;
+    void answer(const std::string& text, usbmgr::RunResult& r) override;
 
 private:
-    mutable std::mutex mutex_;
-    std::vector<std::string> texts_;
     std::set<std::string> volumes_;
-    std::atomic<bool> start_programs_{true};
-    usbmgr::SystemRunner real_;
-    usbmgr::CommandLine true_ = usbmgr::CommandLine::exec({"/bin/true"});
 };
 
 // Fills the device tables as the arrival handler would for `disks` disks
