@@ -97,7 +97,10 @@ RunResult SystemRunner::start_and_wait(const CommandLine& cmd, bool capture, con
         sigset_t none;
         sigemptyset(&none);
         sigprocmask(SIG_SETMASK, &none, nullptr);
-        signal(SIGPIPE, SIG_DFL);
+        struct sigaction dfl = {};
+        dfl.sa_handler = SIG_DFL;
+        sigemptyset(&dfl.sa_mask);
+        sigaction(SIGPIPE, &dfl, nullptr);
         if (capture) {
             if (dup2(pipefd[1], STDOUT_FILENO) < 0) _exit(127);
         }
