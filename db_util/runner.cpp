@@ -96,7 +96,7 @@ RunResult SystemRunner::start_and_wait(const CommandLine& cmd, bool capture, con
         // Threads of the daemon block signals; the programs it runs must not inherit that.
         sigset_t none;
         sigemptyset(&none);
-        sigprocmask(SIG_SETMASK, &none, nullptr);
+        pthread_sigmask(SIG_SETMASK, &none, nullptr);
         signal(SIGPIPE, SIG_DFL);
         if (capture) {
             if (dup2(pipefd[1], STDOUT_FILENO) < 0) _exit(127);

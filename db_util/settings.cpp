@@ -33,8 +33,8 @@ struct Setting {
     const char* fail_key = nullptr;  // key named by the load failure message, when not its own
 };
 
-#define TEXT(k, field, save) Setting{k, field, sizeof field, nullptr, save}
-#define NUMBER(k, var, save) Setting{k, nullptr, 0, &var, save}
+#define TEXT(k, field, save) Setting{k, field, sizeof(field), nullptr, save}
+#define NUMBER(k, var, save) Setting{k, nullptr, 0, &(var), save}
 
 // In load order. The four counters come last, so a load that stops at a
 // missing string key leaves them as they were. The file is written in the

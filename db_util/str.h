@@ -68,6 +68,29 @@ inline const char* clean_copy(char (&out)[N], const char* src) {
     return out;
 }
 
+// strerror's text for err, through strerror_r: strerror may hand every
+// thread one shared buffer (uClibc does), and the daemon logs from several.
+// The text is strerror's own, "Unknown error N" included.
+class ErrnoText {
+public:
+    explicit ErrnoText(int err) { text_ = pick(strerror_r(err, buf_, sizeof buf_), err); }
+    ErrnoText(const ErrnoText&) = delete;
+    ErrnoText& operator=(const ErrnoText&) = delete;
+    const char* c_str() const { return text_; }
+
+private:
+    // GNU strerror_r returns the text, which may or may not be buf_.
+    const char* pick(const char* text, int /*err*/) const { return text ? text : buf_; }
+    // XSI strerror_r fills buf_ and returns 0, or an error number.
+    const char* pick(int rc, int err) {
+        if (rc != 0) std::snprintf(buf_, sizeof buf_, "Unknown error %d", err);
+        return buf_;
+    }
+
+    char buf_[128] = {};
+    const char* text_ = nullptr;
+};
+
 }  // namespace usbmgr
 
 #endif

@@ -89,10 +89,10 @@ int remove_node(const char* name) {
 bool disk_util_device_name_ok(const char* name) {
     if (!name) return false;
     std::size_t i = 0;
-    while (name[i] != '\0' && is_letter(name[i])) ++i;
+    while (i <= kMaxNameLen && name[i] != '\0' && is_letter(name[i])) ++i;
     if (i == 0) return false;
-    while (name[i] != '\0' && is_digit(name[i])) ++i;
-    return name[i] == '\0' && i <= kMaxNameLen;
+    while (i <= kMaxNameLen && name[i] != '\0' && is_digit(name[i])) ++i;
+    return i <= kMaxNameLen && name[i] == '\0';
 }
 
 bool disk_util_block_name_ok(const char* name) {
@@ -103,7 +103,7 @@ bool disk_util_block_name_ok(const char* name) {
     if (*digits < '1' || *digits > '9') return false;
     std::size_t n = 0;
     while (n < 3 && digits[n] >= '0' && digits[n] <= '9') ++n;
-    return digits[n] == '\0' && n <= 2 && block_partition(name) <= kMaxPartition;
+    return n <= 2 && digits[n] == '\0' && block_partition(name) <= kMaxPartition;
 }
 
 bool disk_util_serial_name_ok(const char* name) {

@@ -10,7 +10,7 @@ packages=(
     dbus-daemon dbus-bin
     samba smbclient minidlna ntfs-3g
     psmisc e2fsprogs iproute2 util-linux fdisk curl procps python3
-    clang libclang-rt-14-dev
+    clang libclang-rt-14-dev clang-tidy cppcheck
     g++-mips-linux-gnu qemu-user-static
 )
 

@@ -363,7 +363,7 @@ bool encode_field(const Field& f, const char* text, unsigned char* buf, std::siz
             return false;
         }
         std::memset(buf + f.offset, 0, f.size);
-        std::memcpy(buf + f.offset, text, len);
+        std::memcpy(buf + f.offset, text, len + 1);  // with its NUL: len < f.size
         return true;
     }
     int64_t v = 0;

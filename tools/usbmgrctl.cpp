@@ -9,6 +9,7 @@
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <mutex>
@@ -16,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "db_util/str.h"
 #include "orbiil.h"
 #include "proto/commands.h"
 #include "proto/payload.h"
@@ -187,7 +189,8 @@ int cmd_call(int argc, char** argv) {
             if (f == nullptr) return usage_error("unknown field '%s' (see: usbmgrctl fields ID)", name.c_str());
             std::string error;
             if (!usbmgrctl::encode_field(*f, eq + 1, request.data(), request.size(), error)) {
-                std::string msg = name + ": " + error;
+                std::string msg = name;
+                msg.append(": ").append(error);
                 return usage_error("%s", msg.c_str());
             }
         }
@@ -252,7 +255,8 @@ int execute(BusConnection& bus, uint32_t id, std::vector<unsigned char>& payload
     int code = OrbIilExecute(bus.get(), kDaemonName, id, payload.empty() ? nullptr : payload.data(),
                              static_cast<uint32_t>(payload.size()), reply.data(), static_cast<uint32_t>(reply.size()),
                              &reply_len);
-    payload.assign(reply.begin(), reply.begin() + (reply_len < reply.size() ? reply_len : reply.size()));
+    const std::size_t kept = reply_len < reply.size() ? reply_len : reply.size();
+    payload.assign(reply.begin(), reply.begin() + static_cast<std::ptrdiff_t>(kept));
     return code;
 }
 
@@ -498,14 +502,14 @@ struct FdCloser {
 
 bool write_port_file(const std::string& port, const std::string& list) {
     if (mkdir(kPortDir, 0755) != 0 && errno != EEXIST) {
-        std::fprintf(stderr, "usbmgrctl: cannot create %s: %s\n", kPortDir, std::strerror(errno));
+        std::fprintf(stderr, "usbmgrctl: cannot create %s: %s\n", kPortDir, usbmgr::ErrnoText(errno).c_str());
         return false;
     }
     const std::string path = std::string(kPortDir) + "/" + port;
     const std::string line = list + "\r\n";
     FdCloser f{::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644)};
     if (f.fd < 0 || ::write(f.fd, line.data(), line.size()) != static_cast<ssize_t>(line.size())) {
-        std::fprintf(stderr, "usbmgrctl: cannot write %s: %s\n", path.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "usbmgrctl: cannot write %s: %s\n", path.c_str(), usbmgr::ErrnoText(errno).c_str());
         return false;
     }
     return true;
@@ -514,7 +518,7 @@ bool write_port_file(const std::string& port, const std::string& list) {
 bool remove_port_file(const std::string& port) {
     const std::string path = std::string(kPortDir) + "/" + port;
     if (::unlink(path.c_str()) != 0 && errno != ENOENT) {
-        std::fprintf(stderr, "usbmgrctl: cannot remove %s: %s\n", path.c_str(), std::strerror(errno));
+        std::fprintf(stderr, "usbmgrctl: cannot remove %s: %s\n", path.c_str(), usbmgr::ErrnoText(errno).c_str());
         return false;
     }
     return true;

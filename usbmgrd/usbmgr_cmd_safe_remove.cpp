@@ -103,7 +103,7 @@ void usbmgr_cmd_set_storage_safe_remove(CmdSafeRemove& cmd) {
     }
     pthread_t tid;
     if (pthread_create(&tid, nullptr, safe_remove_worker, arg.get()) == 0) {
-        arg.release();  // the worker owns it now
+        static_cast<void>(arg.release());  // the worker owns it now
         safe_remove_id = tid;
         pthread_detach(tid);
     } else {

@@ -34,7 +34,7 @@ struct TextSetting {
     std::size_t size;
 };
 
-#define SETTING(name, record, member) TextSetting{name, record.member, sizeof record.member}
+#define SETTING(name, record, member) TextSetting{name, (record).member, sizeof((record).member)}
 
 const TextSetting kMiniDlnaSettings[] = {
     SETTING("media_dir", MINIDLNA_CONF, media_dir),

@@ -176,7 +176,7 @@ int usbmgr_reset_daemon_control() {
 
 int usbmgr_notify_daemon_initialized() {
     if (kill(getppid(), SIGALRM) != 0) {
-        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to kill(SIGALRM) to parent process, err = %s", std::strerror(errno));
+        USBMGR_TRACE(USBMGR_LOG_QUITE, "fail to kill(SIGALRM) to parent process, err = %s", usbmgr::ErrnoText(errno).c_str());
         return 0;
     }
     return 1;
@@ -309,7 +309,7 @@ int usbmgr_main(int argc, char** argv) {
 
     pid_t pid = fork();
     if (pid < 0) {
-        USBMGR_TRACE(USBMGR_LOG_ERROR, "fail to fork(), err = %s", std::strerror(errno));
+        USBMGR_TRACE(USBMGR_LOG_ERROR, "fail to fork(), err = %s", usbmgr::ErrnoText(errno).c_str());
         OrbIilResetLog();
         return leave(-1);
     }

@@ -68,6 +68,7 @@ int usbmgr_notify_tr140_event(int32_t kind);
 // Sharing and settings: usbmgr_cmd_sharing.cpp; model reads:
 // usbmgr_cmd_model_read.cpp; model writes: usbmgr_cmd_model_write.cpp;
 // safe removal: usbmgr_cmd_safe_remove.cpp.
+// NOLINTNEXTLINE(bugprone-macro-parentheses): payload names a type; parentheses around it would not compile.
 #define USBMGR_COMMAND(id, handler, payload, flags) void handler(payload& cmd);
 #include "proto/commands.def"
 

@@ -68,6 +68,7 @@ typedef int (*OrbIilCmdHandler)(OrbIilHandle *handle, uint32_t cmd_id, uint32_t 
 /* Event handler: called on the dispatch thread with a received event's payload. */
 typedef int (*OrbIilEvtHandler)(OrbIilHandle *handle, uint32_t evt_id, uint32_t len, void *payload);
 
+/* NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): the field order is the library's binary interface. */
 typedef struct OrbIilCmdEntry {
     uint32_t id;              /* command id */
     OrbIilCmdHandler handler; /* handler run for it */

@@ -85,6 +85,7 @@ std::string read_line(int fd, std::chrono::milliseconds limit) {
 // Runs argv without a shell and returns its standard output.
 std::string run_capture(const std::vector<std::string>& args, int* status) {
     std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);
     Pipe out;
@@ -115,6 +116,7 @@ public:
         std::string listen = "--address=unix:dir=" + dir_.path();
         std::vector<std::string> args = {"dbus-daemon", "--session", "--nofork", "--nopidfile", print, listen};
         std::vector<char*> argv;
+        argv.reserve(args.size() + 1);
         for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
         argv.push_back(nullptr);
         pid_ = fork();
@@ -601,6 +603,7 @@ TEST_F(OrbIilBus, ResetRacingResetOnAnotherThreadSucceedsOnce) {
         ASSERT_EQ(OrbIilInit(&server_, name.c_str()), ORBIIL_OK);
         std::atomic<int> ok{0};
         std::vector<std::thread> resetters;
+        resetters.reserve(3);
         for (int t = 0; t < 3; ++t)
             resetters.emplace_back([&] {
                 if (OrbIilReset(&server_) == ORBIIL_OK) ++ok;

@@ -109,6 +109,7 @@ TEST_F(OrbIilLog, LinesOfConcurrentThreadsNeverMix) {
     constexpr int kThreads = 4;
     constexpr int kLines = 200;
     std::vector<std::thread> threads;
+    threads.reserve(kThreads);
     for (int t = 0; t < kThreads; ++t)
         threads.emplace_back([t] {
             for (int i = 0; i < kLines; ++i) OrbIilTrace(ORBIIL_LOG_ERROR, "db_util.c", t, "thread %d line %d", t, i);

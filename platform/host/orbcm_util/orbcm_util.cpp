@@ -34,7 +34,7 @@ int cfg_save() {
 
     int fd = open(kLogPath, O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0644);
     if (fd < 0) {
-        fprintf(stderr, "orbcm_util: cannot open %s: %s\n", kLogPath, strerror(errno));
+        fprintf(stderr, "orbcm_util: cannot open %s: %s\n", kLogPath, usbmgr::ErrnoText(errno).c_str());
         return 1;
     }
     size_t len = strnlen(line, sizeof line);
@@ -42,7 +42,7 @@ int cfg_save() {
     int saved_errno = errno;
     close(fd);
     if (n != static_cast<ssize_t>(len)) {
-        fprintf(stderr, "orbcm_util: cannot write %s: %s\n", kLogPath, strerror(saved_errno));
+        fprintf(stderr, "orbcm_util: cannot write %s: %s\n", kLogPath, usbmgr::ErrnoText(saved_errno).c_str());
         return 1;
     }
     return 0;

@@ -288,7 +288,9 @@ void lose_connection(State& st) {
     st.calls_done.notify_all();
 }
 
-void dispatch_loop(std::shared_ptr<State> keep) {
+// The thread's own copy of the pointer (std::thread copies its arguments)
+// keeps the state alive until the loop returns.
+void dispatch_loop(const std::shared_ptr<State>& keep) {
     State& st = *keep;
     sigset_t all;
     sigfillset(&all);

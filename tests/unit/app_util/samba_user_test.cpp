@@ -237,12 +237,10 @@ TEST_F(SambaUsers, NamesAndPasswordsThatCannotStandOnOneLineAreRefusedAndChangeN
         fake::reset();
         EXPECT_EQ(app_util_add_samba_user(name.c_str(), password.c_str(), 1), -1) << name << "/" << password;
         EXPECT_EQ(app_util_modify_samba_user(name.c_str(), password.c_str(), 1), -1) << name << "/" << password;
-        const bool name_refused = fake::logged("refusing samba user name '" + [&] {
-            std::string s = name.substr(0, 63);
-            for (auto& c : s)
-                if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '_';
-            return s;
-        }() + "'");
+        std::string shown = name.substr(0, 63);
+        for (auto& c : shown)
+            if (static_cast<unsigned char>(c) < 0x20 || c == 0x7f) c = '_';
+        const bool name_refused = fake::logged("refusing samba user name '" + shown + "'");
         const bool password_refused = fake::logged("refusing samba password of user '" + name + "'");
         EXPECT_TRUE(name_refused || password_refused) << name << "/" << password;
     }

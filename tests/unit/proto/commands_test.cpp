@@ -25,7 +25,7 @@ TEST(CommandList, EveryDeclaredSizeIsTheSizeOfItsPayloadStruct) {
     {                                                               \
         ++rows;                                                     \
         const UsbmgrCommandInfo* info = usbmgr_command_find(id);    \
-        ASSERT_NE(info, nullptr) << id;                             \
+        ASSERT_NE(info, nullptr) << (id);                           \
         EXPECT_EQ(info->size, sizeof(payload)) << #handler;         \
         EXPECT_STREQ(info->name, #handler);                         \
     }

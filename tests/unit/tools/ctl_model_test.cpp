@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "db_util/str.h"
 #include "proto/payload.h"
 #include "tests/support/payload_bytes.h"
 #include "tools/ctl_model.h"
@@ -93,7 +94,7 @@ struct StandInDaemon {
                 if (c.folder >= 2) {
                     c.status = -4;
                 } else {
-                    std::strcpy(c.Name, c.folder == 0 ? "/disk/sda1" : "/disk/sda1/Music");
+                    usbmgr::copy_str(c.Name, c.folder == 0 ? "/disk/sda1" : "/disk/sda1/Music");
                     c.UserAccessNumberOfEntries = c.folder == 0 ? 2 : 0;
                 }
                 p = bytes_of(c);

@@ -85,7 +85,7 @@ protected:
         return c;
     }
 
-    static CmdSambaUser user(const char* name, const char* password, uint32_t enable) {
+    static CmdSambaUser user(const char* name, const char* password, int32_t enable) {
         CmdSambaUser c;
         std::memset(&c, 0, sizeof c);
         c.enable = enable;

@@ -16,6 +16,7 @@
 #include "db_util/lock.h"
 #include "db_util/str.h"
 #include "fixture.h"
+#include "payload_bytes.h"
 #include "platform_fake.h"
 #include "test_support.h"
 #include "usbmgrd/usbmgrd.h"
@@ -300,10 +301,10 @@ TEST_F(SharingCommands, MiniDlnaReloadDoesNotWriteTheSettingsFileButSchedulesThe
 }
 
 TEST_F(SharingCommands, MiniDlnaUnknownNameChangesNothingButIsSavedAndSchedulesTheReload) {
-    const MiniDlnaConf before = MINIDLNA_CONF;
+    const auto before = testing_support::bytes_of(MINIDLNA_CONF);
     auto c = set_request("PORT", "1");
     usbmgr_cmd_set_minidlna_conf(c);
-    EXPECT_EQ(std::memcmp(&before, &MINIDLNA_CONF, sizeof before), 0);
+    EXPECT_EQ(testing_support::bytes_of(MINIDLNA_CONF), before);
     EXPECT_EQ(seams.runner.texts(), saved_commands());
     EXPECT_EQ(usbmgr_reload_target, 1);
 }
@@ -372,10 +373,10 @@ TEST_F(SharingCommands, EverySambaNameReachesItsOwnField) {
 }
 
 TEST_F(SharingCommands, SambaUsershareAllowGuestsIsAnUnknownNameYetTheFileIsSavedTheModelRebuiltAndTheReloadScheduled) {
-    const SambaConf before = SAMBA_CONF;
+    const auto before = testing_support::bytes_of(SAMBA_CONF);
     auto c = set_request("usershare_allow_guests", "no");
     usbmgr_cmd_set_samba_conf(c);
-    EXPECT_EQ(std::memcmp(&before, &SAMBA_CONF, sizeof before), 0);
+    EXPECT_EQ(testing_support::bytes_of(SAMBA_CONF), before);
     EXPECT_EQ(seams.runner.texts(), saved_commands());
     EXPECT_TRUE(model_built());
     EXPECT_EQ(pending_kinds(), Lines{"USBMGR_TR140_SERVICE_CHANGE"});
@@ -384,12 +385,12 @@ TEST_F(SharingCommands, SambaUsershareAllowGuestsIsAnUnknownNameYetTheFileIsSave
 }
 
 TEST_F(SharingCommands, SambaConfPathAndUserMapCannotBeSetOverTheBus) {
-    const SambaConf before = SAMBA_CONF;
+    const auto before = testing_support::bytes_of(SAMBA_CONF);
     for (const char* name : {"conf_dir", "username_map", "username_map_dir", "user_map"}) {
         auto c = set_request(name, "/tmp/evil");
         usbmgr_cmd_set_samba_conf(c);
     }
-    EXPECT_EQ(std::memcmp(&before, &SAMBA_CONF, sizeof before), 0);
+    EXPECT_EQ(testing_support::bytes_of(SAMBA_CONF), before);
 }
 
 TEST_F(SharingCommands, SambaReloadRebuildsTheModelAndSchedulesTheReloadWithoutSaving) {
@@ -511,9 +512,9 @@ TEST_F(SharingCommands, UnterminatedNameIsReadToItsFieldEndOnly) {
     CmdSetConf c{};
     std::memset(c.name, 'p', sizeof c.name);
     usbmgr::copy_str(c.value, "1");
-    const MiniDlnaConf before = MINIDLNA_CONF;
+    const auto before = testing_support::bytes_of(MINIDLNA_CONF);
     usbmgr_cmd_set_minidlna_conf(c);
-    EXPECT_EQ(std::memcmp(&before, &MINIDLNA_CONF, sizeof before), 0);
+    EXPECT_EQ(testing_support::bytes_of(MINIDLNA_CONF), before);
     EXPECT_EQ(usbmgr_reload_target, 1);
 }
 
@@ -767,13 +768,13 @@ TEST_F(SharingCommands, AllOnesPayloadForEveryCommandLeavesTheSettingsFileParsea
 }
 
 TEST_F(SharingCommands, AllOnesNameIsUnknownAndChangesNoSetting) {
-    const MiniDlnaConf mini = MINIDLNA_CONF;
-    const SambaConf samba = SAMBA_CONF;
+    const auto mini = testing_support::bytes_of(MINIDLNA_CONF);
+    const auto samba = testing_support::bytes_of(SAMBA_CONF);
     std::vector<uint8_t> buf(sizeof(CmdSetConf), 0xff);
     call(5, buf);
     call(6, buf);
-    EXPECT_EQ(std::memcmp(&mini, &MINIDLNA_CONF, sizeof mini), 0);
-    EXPECT_EQ(std::memcmp(&samba, &SAMBA_CONF, sizeof samba), 0);
+    EXPECT_EQ(testing_support::bytes_of(MINIDLNA_CONF), mini);
+    EXPECT_EQ(testing_support::bytes_of(SAMBA_CONF), samba);
 }
 
 TEST_F(SharingCommands, ControlCharactersInEveryValueByteNeverAddALine) {

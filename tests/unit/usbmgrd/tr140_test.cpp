@@ -1,6 +1,7 @@
 // The storage service model: what the builder fills from the device
 // tables, the history file, the settings and the attached volumes, the
 // back-references it writes into the tables, and its log lines.
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -35,7 +36,9 @@ protected:
     static Lines log_from(const std::string& first, std::size_t n) {
         Lines all = fake::log_texts();
         for (std::size_t i = 0; i < all.size(); ++i)
-            if (all[i] == first) return Lines(all.begin() + i, all.begin() + std::min(all.size(), i + n));
+            if (all[i] == first)
+                return Lines(all.begin() + static_cast<std::ptrdiff_t>(i),
+                             all.begin() + static_cast<std::ptrdiff_t>(std::min(all.size(), i + n)));
         return {};
     }
 
