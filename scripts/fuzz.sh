@@ -97,7 +97,11 @@ done
 if [[ $merge -eq 1 ]]; then
     for t in "${targets[@]}"; do
         before=$(ls "tests/fuzz/corpus/$t" | wc -l)
-        "$build/tests/fuzz/$t" -merge=1 "tests/fuzz/corpus/$t" "$build/corpus/$t" >"$build/$t.merge.log" 2>&1
+        # The control file too stays clear of the hidden /tmp.
+        rm -f "$build/$t.merge.ctl"
+        "$build/tests/fuzz/$t" -merge=1 -merge_control_file="$build/$t.merge.ctl" \
+            "tests/fuzz/corpus/$t" "$build/corpus/$t" >"$build/$t.merge.log" 2>&1
+        grep 'MERGE-OUTER: [0-9]* new files' "$build/$t.merge.log" | sed 's/^MERGE-OUTER: /    /'
         echo "$t: checked-in corpus $before -> $(ls "tests/fuzz/corpus/$t" | wc -l) inputs"
     done
 fi
