@@ -18,6 +18,7 @@
 #   start_monitor, count_kind K, kind_time K N   notifications seen (in $work)
 #   proc_uss_kib PID, proc_rss_kib PID           private (USS) and resident memory, KiB
 #   proc_fds PID, proc_threads PID               open descriptors and threads
+#   proc_private_by_mapping PID                  private KiB of each mapping, largest first
 #
 # Every function returns non-zero on failure and says why on stderr.
 
@@ -511,3 +512,15 @@ proc_uss_kib() {
 proc_rss_kib() { awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"; }
 proc_fds() { ls "/proc/$1/fd" | wc -l; }
 proc_threads() { ls "/proc/$1/task" | wc -l; }
+
+# proc_private_by_mapping PID: the private KiB of each mapping of a process
+# (what its pages belong to: the binary, a library, [heap], [stack], or
+# "anon" for nameless ones such as thread stacks), largest first, as
+# "KIB NAME" lines.
+proc_private_by_mapping() {
+    awk '
+        /^[0-9a-f]+-[0-9a-f]+ / { name = ($6 == "" ? "anon" : $6); next }
+        $1 == "Private_Clean:" || $1 == "Private_Dirty:" { kib[name] += $2 }
+        END { for (n in kib) if (kib[n] > 0) print kib[n], n }
+    ' "/proc/$1/smaps" | sort -rn
+}
