@@ -55,7 +55,7 @@ if [ "${1:-}" = --inner ]; then
     shares() { smbclient -L 127.0.0.1 -N -g 2>/dev/null | awk -F'|' '$1 == "Disk"' | wc -l; }
     row() {
         local uss
-        uss=$(proc_uss_kib "$daemon")
+        uss=$(proc_idle_uss_kib "$daemon")
         echo "| USS, $1 (RSS $(proc_rss_kib "$daemon") KiB, $(proc_fds "$daemon") descriptors, $(proc_threads "$daemon") threads) | $uss KiB | $2 KiB | $(met "$uss" "$2") |"
         [ "$uss" -le "$2" ] || bad=1
     }
@@ -86,11 +86,11 @@ if [ "${1:-}" = --inner ]; then
     [ "$(mounts)" -eq 25 ] || fail "$(mounts) volumes mounted, not 25"
     smb_conf=$(setting USBMGR.SAMBA.CONF_DIR)
     dlna_conf=$(setting USBMGR.MINIDLNA.CONF_DIR)
-    sections=$(grep -c '^\[' "$smb_conf" || true)
+    sections=$(grep '^\[' "$smb_conf" | grep -vcx '\[global\]' || true)
     media=$(sed -n 's/^media_dir=//p' "$dlna_conf" | tr '\n' ' ')
     row "25 volumes mounted and shared" "$loaded_goal_kib"
     echo
-    echo "With 25 volumes: $(mounts) mounts under $mount_root; $smb_conf has $((sections - 1)) share sections besides [global], smbclient lists $(shares) disk shares; $dlna_conf serves media_dir=${media% } ($(find "$mount_root" -mindepth 1 -maxdepth 1 -type d | wc -l) volume folders in it)."
+    echo "With 25 volumes: $(mounts) mounts under $mount_root; $smb_conf has $sections share sections, smbclient lists $(shares) disk shares; $dlna_conf serves media_dir=${media% } ($(find "$mount_root" -mindepth 1 -maxdepth 1 -type d | wc -l) volume folders in it)."
     echo
     echo "Private pages of the daemon with 25 volumes, by mapping:"
     echo
@@ -98,7 +98,17 @@ if [ "${1:-}" = --inner ]; then
     echo "|---|---|"
     proc_private_by_mapping "$daemon" | awk '{ print "| " $1 " | " $2 " |" }'
     echo
-    echo "Its threads' stacks: $(awk '$1 == "VmStk:" { print "main " $2 " KiB" }' "/proc/$daemon/status"); $(proc_threads "$daemon") threads (each pthread stack is an anon mapping, only its touched pages are private)."
+    echo "Its nameless mappings with private pages ($(proc_threads "$daemon") threads: a thread's stack is one of"
+    echo "the largest, reserved whole but private only where touched; a thread's malloc arena another):"
+    echo
+    echo "| size KiB | private KiB | permissions |"
+    echo "|---|---|---|"
+    awk '
+        /^[0-9a-f]+-[0-9a-f]+ / { anon = ($6 == ""); perms = $2; next }
+        anon && $1 == "Size:" { size = $2 }
+        anon && $1 == "Private_Clean:" { clean = $2 }
+        anon && $1 == "Private_Dirty:" { if (clean + $2 > 0) print size, clean + $2, perms }
+    ' "/proc/$daemon/smaps" | sort -rn | awk '{ print "| " $1 " | " $2 " | " $3 " |" }'
 
     kill "$monitor_pid" 2>/dev/null || true
     monitor_pid=""

@@ -17,6 +17,7 @@
 #   expect DESCRIPTION EXPECTED COMMAND...       check that the output is EXPECTED
 #   start_monitor, count_kind K, kind_time K N   notifications seen (in $work)
 #   proc_uss_kib PID, proc_rss_kib PID           private (USS) and resident memory, KiB
+#   proc_idle_uss_kib PID                        USS, the largest of five samples (forks share pages)
 #   proc_fds PID, proc_threads PID               open descriptors and threads
 #   proc_private_by_mapping PID                  private KiB of each mapping, largest first
 #
@@ -508,6 +509,18 @@ expect() {
 proc_uss_kib() {
     awk '$1 == "Private_Clean:" || $1 == "Private_Dirty:" { kib += $2 } END { print kib + 0 }' \
         "/proc/$1/smaps_rollup"
+}
+# proc_idle_uss_kib PID: the largest of five USS samples 100 ms apart. While
+# the process has forked a child for a command, the pages they still share
+# are nobody's own, and one sample can show a third of the figure.
+proc_idle_uss_kib() {
+    local i uss max=0
+    for i in 1 2 3 4 5; do
+        uss=$(proc_uss_kib "$1")
+        [ "$uss" -le "$max" ] || max=$uss
+        [ "$i" -eq 5 ] || sleep 0.1
+    done
+    echo "$max"
 }
 proc_rss_kib() { awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"; }
 proc_fds() { ls "/proc/$1/fd" | wc -l; }
