@@ -82,6 +82,10 @@ if [ "${1:-}" = --inner ]; then
     wait_for '[ "$(count_kind 0)" -ge '"${#disks[@]}"' ]' 120 || fail "no kind-0 notification for the five disks"
     wait_for '[ "$(shares)" -eq 25 ]' 60 || fail "Samba does not list 25 shares"
     wait_for "pgrep -x minidlnad" 30 || fail "minidlnad does not run"
+    # The monitor is a bus client too: the library pages it touches would be
+    # shared with it and drop out of the daemon's USS.
+    kill "$monitor_pid" 2>/dev/null || true
+    monitor_pid=""
     sleep 3
     [ "$(mounts)" -eq 25 ] || fail "$(mounts) volumes mounted, not 25"
     smb_conf=$(setting USBMGR.SAMBA.CONF_DIR)
@@ -110,8 +114,6 @@ if [ "${1:-}" = --inner ]; then
         anon && $1 == "Private_Dirty:" { if (clean + $2 > 0) print size, clean + $2, perms }
     ' "/proc/$daemon/smaps" | sort -rn | awk '{ print "| " $1 " | " $2 " | " $3 " |" }'
 
-    kill "$monitor_pid" 2>/dev/null || true
-    monitor_pid=""
     stop_daemon 30 || fail "usbmgrd did not stop"
     cleanup
     trap - EXIT

@@ -154,7 +154,7 @@ if [ "${1:-}" = --inner ]; then
             _sandbox_alive "$daemon" || fail "cycle $c: usbmgrd (pid $daemon) is gone"
             # Let a server that the last reload started finish daemonizing.
             sleep 2
-            uss=$(proc_uss_kib "$daemon")
+            uss=$(proc_idle_uss_kib "$daemon")
             rss=$(proc_rss_kib "$daemon")
             fds=$(proc_fds "$daemon")
             threads=$(proc_threads "$daemon")
