@@ -5,6 +5,8 @@
 #   make_disk_image PATH SIZE_MB FSTYPE NPARTS   ext4 or ntfs; NPARTS 0 = no partition table
 #   attach_disk NAME PATH                        loop device + block nodes /var/dev/NAME, NAME1..
 #   detach_disk NAME                             unmount leftovers, remove nodes, detach
+#   make_disk_nodes NAME                         the nodes of an attached disk again
+#   alias_disk_nodes SRC NAME NPARTS             nodes of a disk made of SRC's first partition
 #   wait_for COND_COMMAND TIMEOUT_S              poll every 50 ms until COND succeeds
 #   start_daemon [LEVEL]                         start usbmgrd (default DEBUG); prints its pid
 #   stop_daemon [TIMEOUT_S]                      SIGTERM and wait until it is gone
@@ -14,6 +16,10 @@
 #   check DESCRIPTION COMMAND...                 one "ok"/"not ok" line of a test
 #   expect DESCRIPTION EXPECTED COMMAND...       check that the output is EXPECTED
 #   start_monitor, count_kind K, kind_time K N   notifications seen (in $work)
+#   proc_uss_kib PID, proc_rss_kib PID           private (USS) and resident memory, KiB
+#   proc_idle_uss_kib PID                        USS, the largest of five samples (forks share pages)
+#   proc_fds PID, proc_threads PID               open descriptors and threads
+#   proc_private_by_mapping PID                  private KiB of each mapping, largest first
 #
 # Every function returns non-zero on failure and says why on stderr.
 
@@ -314,13 +320,51 @@ attach_disk() {
         detach_disk "$name"
         return 1
     fi
+    make_disk_nodes "$name" || return 1
+    echo "$dev"
+}
+
+# make_disk_nodes NAME: (re)makes /var/dev/NAME and /var/dev/NAME1.. of an
+# attached disk, as the kernel would for the disk plugged in again (the
+# daemon removes them when the disk leaves).
+make_disk_nodes() {
+    local name=$1 dev
+    dev=$(cat "$SANDBOX_LIB_STATE/disks/$name" 2>/dev/null) || {
+        _sandbox_err "disk $name is not attached"
+        return 1
+    }
     mkdir -p /var/dev
     _sandbox_mknod_for "$(basename "$dev")" "/var/dev/$name" || return 1
     local blk
     for blk in $(_sandbox_loop_parts "$dev"); do
         _sandbox_mknod_for "$blk" "/var/dev/$name${blk##*p}" || return 1
     done
-    echo "$dev"
+}
+
+# alias_disk_nodes SRC NAME NPARTS: nodes of a disk NAME with NPARTS
+# partitions made of attached disk SRC's blocks: /var/dev/NAME is SRC's whole
+# disk and NAME1..NAMEn all its first partition, so that one loop device
+# gives many mountable volumes (the same file system at many folders).
+alias_disk_nodes() {
+    if [ $# -ne 3 ]; then
+        _sandbox_err "usage: alias_disk_nodes SRC NAME NPARTS"
+        return 2
+    fi
+    local src=$1 name=$2 nparts=$3 dev first i
+    dev=$(cat "$SANDBOX_LIB_STATE/disks/$src" 2>/dev/null) || {
+        _sandbox_err "disk $src is not attached"
+        return 1
+    }
+    first=$(_sandbox_loop_parts "$dev" | head -n 1)
+    [ -n "$first" ] || {
+        _sandbox_err "disk $src has no partition"
+        return 1
+    }
+    mkdir -p /var/dev
+    _sandbox_mknod_for "$(basename "$dev")" "/var/dev/$name" || return 1
+    for ((i = 1; i <= nparts; i++)); do
+        _sandbox_mknod_for "$first" "/var/dev/$name$i" || return 1
+    done
 }
 
 # detach_disk NAME: lazily unmounts whatever still uses the disk, removes its
@@ -455,4 +499,41 @@ expect() {
         echo "# got:  $got"
         check "$what" false
     fi
+}
+
+# ---------------------------------------------------------------------------
+# Resource figures of a process, for the soak and footprint benchmarks.
+
+# proc_uss_kib PID: unique set size, the pages no other process shares
+# (Private_Clean + Private_Dirty of smaps_rollup), in KiB.
+proc_uss_kib() {
+    awk '$1 == "Private_Clean:" || $1 == "Private_Dirty:" { kib += $2 } END { print kib + 0 }' \
+        "/proc/$1/smaps_rollup"
+}
+# proc_idle_uss_kib PID: the largest of five USS samples 100 ms apart. While
+# the process has forked a child for a command, the pages they still share
+# are nobody's own, and one sample can show a third of the figure.
+proc_idle_uss_kib() {
+    local i uss max=0
+    for i in 1 2 3 4 5; do
+        uss=$(proc_uss_kib "$1")
+        [ "$uss" -le "$max" ] || max=$uss
+        [ "$i" -eq 5 ] || sleep 0.1
+    done
+    echo "$max"
+}
+proc_rss_kib() { awk '$1 == "VmRSS:" { print $2 }' "/proc/$1/status"; }
+proc_fds() { ls "/proc/$1/fd" | wc -l; }
+proc_threads() { ls "/proc/$1/task" | wc -l; }
+
+# proc_private_by_mapping PID: the private KiB of each mapping of a process
+# (what its pages belong to: the binary, a library, [heap], [stack], or
+# "anon" for nameless ones such as thread stacks), largest first, as
+# "KIB NAME" lines.
+proc_private_by_mapping() {
+    awk '
+        /^[0-9a-f]+-[0-9a-f]+ / { name = ($6 == "" ? "anon" : $6); next }
+        $1 == "Private_Clean:" || $1 == "Private_Dirty:" { kib[name] += $2 }
+        END { for (n in kib) if (kib[n] > 0) print kib[n], n }
+    ' "/proc/$1/smaps" | sort -rn
 }
