@@ -130,6 +130,9 @@ void classify(const char* raw, SettingsLine& line) {
     char value[DB_UTIL_VALUE_SIZE];
     line.item = UserItem::none;
     line.slot = -1;
+    // A line without '=' holds no key, even when its text is one: rewriting
+    // it would give the file that key twice.
+    if (!std::strchr(raw, '=')) return;
     db_util_split_line(raw, key, value);
     char parts[DB_UTIL_KEY_SIZE];
     usbmgr::copy_str(parts, key);

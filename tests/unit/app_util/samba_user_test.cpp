@@ -312,6 +312,20 @@ TEST_F(SambaUsers, ModifyingASlotWithoutEnableLineAnswersMinusOne) {
     EXPECT_EQ(settings(), (Lines{"USBMGR.SAMBA.USER_NAME.0=alice", "USBMGR.SAMBA.USER_PASSWORD.0=b"}));
 }
 
+// Found by fuzzing (seed user_key_without_equals): the last line was
+// the enable key's text with no '=' after it, and the modify rewrote it into
+// a second enable line.
+TEST_F(SambaUsers, ModifyingKeepsALineThatIsAUserKeyWithoutEqualsSignAsItIs) {
+    set_map();
+    const std::string head =
+        "USBMGR.SAMBA.USER_NAME.1=bob\nUSBMGR.SAMBA.USER_PASSWORD.1=b\nUSBMGR.SAMBA.USER_ENABLE.1=1\n";
+    testing_support::write_file(USBMGR_CONF_PATH, head + "USBMGR.SAMBA.USER_ENABLE.1");
+    EXPECT_EQ(app_util_modify_samba_user("bob", "b", 0), 0);
+    EXPECT_EQ(testing_support::read_file(USBMGR_CONF_PATH),
+              "USBMGR.SAMBA.USER_NAME.1=bob\nUSBMGR.SAMBA.USER_PASSWORD.1=b\nUSBMGR.SAMBA.USER_ENABLE.1=0\n"
+              "USBMGR.SAMBA.USER_ENABLE.1");
+}
+
 // ---------------------------------------------------------------------------
 // Samba's own user list and the map file
 
