@@ -436,6 +436,19 @@ _sandbox_alive() {
     [ -d "/proc/$1" ] && ! grep -q '^State:[[:space:]]*Z' "/proc/$1/status" 2>/dev/null
 }
 
+# leave_sandbox TIMEOUT_S [DISK...]: a script's end, on an error too: the
+# monitor of start_monitor and the daemon stopped, the named disks detached
+# if still attached (detach_disk unmounts whatever still uses them).
+leave_sandbox() {
+    local timeout=$1 d
+    shift
+    [ -z "${monitor_pid:-}" ] || kill "$monitor_pid" 2>/dev/null || true
+    stop_daemon "$timeout" >/dev/null 2>&1 || true
+    for d in "$@"; do
+        [ ! -e "/var/lib/sandbox/disks/$d" ] || detach_disk "$d" >/dev/null 2>&1 || true
+    done
+}
+
 # stop_daemon [TIMEOUT_S]: SIGTERM to every usbmgrd, then waits (default 30 s).
 stop_daemon() {
     local timeout=${1:-30} pid pids

@@ -17,9 +17,7 @@ set -euo pipefail
 work=$(mktemp -d /tmp/spine.XXXXXX)
 bus() { busctl --address="$ORBIIL_BUS_ADDRESS" "$@"; }
 
-cleanup() {
-    stop_daemon 10 >/dev/null 2>&1 || true
-}
+cleanup() { leave_sandbox 10; }
 trap cleanup EXIT
 
 cat >"$work/reaper.py" <<'EOF'

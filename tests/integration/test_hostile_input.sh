@@ -11,10 +11,7 @@ set -euo pipefail
 work=$(mktemp -d /tmp/hostile.XXXXXX)
 history=/var/config/tr140.conf
 
-cleanup() {
-    stop_daemon 15 >/dev/null 2>&1 || true
-    [ ! -e /var/lib/sandbox/disks/sda ] || detach_disk sda >/dev/null 2>&1 || true
-}
+cleanup() { leave_sandbox 15 sda; }
 trap cleanup EXIT
 
 answers() { usbmgrctl call 14 2>/dev/null | grep -qx 'code: 0 OK'; }

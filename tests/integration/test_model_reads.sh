@@ -9,10 +9,7 @@ set -uo pipefail
 
 work=$(mktemp -d /tmp/modelreads.XXXXXX)
 
-cleanup() {
-    stop_daemon 15 >/dev/null 2>&1 || true
-    [ ! -e /var/lib/sandbox/disks/sda ] || detach_disk sda >/dev/null 2>&1 || true
-}
+cleanup() { leave_sandbox 15 sda; }
 trap cleanup EXIT
 
 

@@ -34,9 +34,7 @@ EOF
 chmod 755 "$stand_in_dir/getty"
 export PATH="$stand_in_dir:$PATH"
 
-cleanup() {
-    stop_daemon 15 >/dev/null 2>&1 || true
-}
+cleanup() { leave_sandbox 15; }
 trap cleanup EXIT
 
 starts() { wc -l <"$record"; }

@@ -18,10 +18,7 @@ smb_conf=/etc/samba/smb.conf
 smbpasswd=/var/samba/smbpasswd
 monitor_pid=""
 
-cleanup() {
-    [ -z "$monitor_pid" ] || kill "$monitor_pid" 2>/dev/null || true
-    stop_daemon 30 >/dev/null 2>&1 || true
-}
+cleanup() { leave_sandbox 30; }
 trap cleanup EXIT
 
 running() { pgrep -x "$1" >/dev/null; }

@@ -15,13 +15,7 @@ work=$(mktemp -d /tmp/sharing.XXXXXX)
 smb_conf=/etc/samba/smb.conf
 history=/var/config/tr140.conf
 
-cleanup() {
-    stop_daemon 30 >/dev/null 2>&1 || true
-    local d
-    for d in sda sdb; do
-        [ ! -e "/var/lib/sandbox/disks/$d" ] || detach_disk "$d" >/dev/null 2>&1 || true
-    done
-}
+cleanup() { leave_sandbox 30 sda sdb; }
 trap cleanup EXIT
 
 running() { pgrep -x "$1" >/dev/null; }

@@ -21,13 +21,8 @@ history=/var/config/tr140.conf
 monitor_pid=""
 
 cleanup() {
-    [ -z "$monitor_pid" ] || kill "$monitor_pid" 2>/dev/null || true
     exec 7<&- 2>/dev/null || true
-    stop_daemon 15 >/dev/null 2>&1 || true
-    local d
-    for d in sda sdb; do
-        [ ! -e "/var/lib/sandbox/disks/$d" ] || detach_disk "$d" >/dev/null 2>&1 || true
-    done
+    leave_sandbox 15 sda sdb
 }
 trap cleanup EXIT
 

@@ -21,11 +21,7 @@ settings=/var/config/usbmgr.conf
 smbpasswd=/var/samba/smbpasswd
 monitor_pid=""
 
-cleanup() {
-    [ -z "$monitor_pid" ] || kill "$monitor_pid" 2>/dev/null || true
-    stop_daemon 30 >/dev/null 2>&1 || true
-    [ ! -e /var/lib/sandbox/disks/sda ] || detach_disk sda >/dev/null 2>&1 || true
-}
+cleanup() { leave_sandbox 30 sda; }
 trap cleanup EXIT
 
 running() { pgrep -x "$1" >/dev/null; }
