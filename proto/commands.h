@@ -23,6 +23,13 @@ struct UsbmgrCommandInfo {
     uint32_t flags;
 };
 
+// Each command's id under its handler's name, so that code naming one
+// command takes its id from the list instead of repeating the number.
+namespace usbmgr_command_id {
+#define USBMGR_COMMAND(id, handler, payload, flags) inline constexpr uint32_t handler = id;
+#include "proto/commands.def"
+}  // namespace usbmgr_command_id
+
 inline constexpr UsbmgrCommandInfo usbmgr_command_info[] = {
 #define USBMGR_COMMAND(id, handler, payload, flags) {id, #handler, static_cast<uint32_t>(sizeof(payload)), flags},
 #include "proto/commands.def"

@@ -11,15 +11,15 @@ namespace usbmgrctl {
 
 namespace {
 
-constexpr uint32_t kCmdService = 15;
-constexpr uint32_t kCmdCapabilities = 16;
-constexpr uint32_t kCmdNetInfo = 17;
-constexpr uint32_t kCmdNetworkServer = 18;
-constexpr uint32_t kCmdUser = 19;
-constexpr uint32_t kCmdDisk = 20;
-constexpr uint32_t kCmdVolume = 21;
-constexpr uint32_t kCmdFolder = 22;
-constexpr uint32_t kCmdUserAccess = 23;
+constexpr uint32_t kCmdService = usbmgr_command_id::usbmgr_cmd_get_storage_service;
+constexpr uint32_t kCmdCapabilities = usbmgr_command_id::usbmgr_cmd_get_storage_capabilities;
+constexpr uint32_t kCmdNetInfo = usbmgr_command_id::usbmgr_cmd_get_storage_netinfo;
+constexpr uint32_t kCmdNetworkServer = usbmgr_command_id::usbmgr_cmd_get_storage_network_server;
+constexpr uint32_t kCmdUser = usbmgr_command_id::usbmgr_cmd_get_user_account;
+constexpr uint32_t kCmdDisk = usbmgr_command_id::usbmgr_cmd_get_physical_medium;
+constexpr uint32_t kCmdVolume = usbmgr_command_id::usbmgr_cmd_get_logical_volume;
+constexpr uint32_t kCmdFolder = usbmgr_command_id::usbmgr_cmd_get_logical_volume_folder;
+constexpr uint32_t kCmdUserAccess = usbmgr_command_id::usbmgr_cmd_get_storage_user_access;
 
 const Field* field_of(uint32_t id, const char* name) {
     const Layout* l = find_layout(id);

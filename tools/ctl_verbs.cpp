@@ -11,17 +11,17 @@ namespace usbmgrctl {
 
 namespace {
 
-constexpr uint32_t kCmdSetSerial = 7;
-constexpr uint32_t kCmdUserSlot = 9;
-constexpr uint32_t kCmdUserAdd = 10;
-constexpr uint32_t kCmdUserRemove = 11;
-constexpr uint32_t kCmdUserModify = 12;
-constexpr uint32_t kCmdSetSambaService = 24;
-constexpr uint32_t kCmdAccountAdd = 27;
-constexpr uint32_t kCmdAccountModify = 29;
-constexpr uint32_t kCmdSetDisk = 30;
-constexpr uint32_t kCmdAddUserAccess = 33;
-constexpr uint32_t kCmdRemoveUserAccess = 34;
+constexpr uint32_t kCmdSetSerial = usbmgr_command_id::usbmgr_cmd_set_usb_serial_enable;
+constexpr uint32_t kCmdUserSlot = usbmgr_command_id::usbmgr_cmd_get_samba_user_info;
+constexpr uint32_t kCmdUserAdd = usbmgr_command_id::usbmgr_cmd_add_samba_user;
+constexpr uint32_t kCmdUserRemove = usbmgr_command_id::usbmgr_cmd_remove_samba_user;
+constexpr uint32_t kCmdUserModify = usbmgr_command_id::usbmgr_cmd_modify_samba_user;
+constexpr uint32_t kCmdSetSambaService = usbmgr_command_id::usbmgr_cmd_set_storage_service;
+constexpr uint32_t kCmdAccountAdd = usbmgr_command_id::usbmgr_cmd_set_add_storage_user_account;
+constexpr uint32_t kCmdAccountModify = usbmgr_command_id::usbmgr_cmd_set_modify_storage_user_account;
+constexpr uint32_t kCmdSetDisk = usbmgr_command_id::usbmgr_cmd_set_physical_medium;
+constexpr uint32_t kCmdAddUserAccess = usbmgr_command_id::usbmgr_cmd_set_storage_add_user_access;
+constexpr uint32_t kCmdRemoveUserAccess = usbmgr_command_id::usbmgr_cmd_set_storage_remove_user_access;
 
 bool listed(const char* name, const std::vector<const char*>& names) {
     for (const char* n : names)
