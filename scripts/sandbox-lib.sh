@@ -438,12 +438,18 @@ _sandbox_alive() {
 
 # leave_sandbox TIMEOUT_S [DISK...]: a script's end, on an error too: the
 # monitor of start_monitor and the daemon stopped, the named disks detached
-# if still attached (detach_disk unmounts whatever still uses them).
+# if still attached (detach_disk unmounts whatever still uses them). After a
+# failed check the end of the daemon's log is printed: the sandbox and its
+# log are gone once the script ends.
 leave_sandbox() {
     local timeout=$1 d
     shift
     [ -z "${monitor_pid:-}" ] || kill "$monitor_pid" 2>/dev/null || true
     stop_daemon "$timeout" >/dev/null 2>&1 || true
+    if [ "${failed:-0}" -gt 0 ] && [ -f "${ORBIIL_LOG_FILE:-}" ]; then
+        echo "# the last ${USBMGR_LOG_TAIL:-80} lines of $ORBIIL_LOG_FILE:"
+        tail -n "${USBMGR_LOG_TAIL:-80}" "$ORBIIL_LOG_FILE" | sed 's/^/#   /'
+    fi
     for d in "$@"; do
         [ ! -e "/var/lib/sandbox/disks/$d" ] || detach_disk "$d" >/dev/null 2>&1 || true
     done

@@ -17,7 +17,11 @@ set -euo pipefail
 work=$(mktemp -d /tmp/spine.XXXXXX)
 bus() { busctl --address="$ORBIIL_BUS_ADDRESS" "$@"; }
 
-cleanup() { leave_sandbox 10; }
+# The shutdown stops Samba and MiniDLNA first and waits until they are gone;
+# servers still starting (each daemon here is stopped soon after its start)
+# take seconds to end, nmbd most.
+stop_timeout=30
+cleanup() { leave_sandbox "$stop_timeout"; }
 trap cleanup EXIT
 
 cat >"$work/reaper.py" <<'EOF'
@@ -109,7 +113,7 @@ check "SIGINT: the daemon still answers command 14" grep -qx 'code: 0 OK' <<<"$o
 check "SIGINT: the same daemon still runs" _sandbox_alive "$daemon"
 check "SIGINT: nothing is logged as terminated" bash -c "! grep -q 'daemon is terminated' '$ORBIIL_LOG_FILE'"
 
-stop_daemon 10
+stop_daemon "$stop_timeout"
 check "the first daemon ends on SIGTERM" gone "$daemon"
 
 # --- SIGTERM ends the daemon with status 0
@@ -122,7 +126,9 @@ if [ -n "$daemon" ]; then
     check "SIGTERM: exit status 0" [ "$(reaped_status term "$daemon")" = 0 ]
 fi
 check "SIGTERM: no error end in the log" bash -c "! grep -q 'terminated with error' '$ORBIIL_LOG_FILE'"
-wait "$(cat "$work/term.reaper")" || true
+# The reaper was started in a command substitution's subshell, so it is
+# not this shell's child: wait until it has reaped everything and ended.
+wait_for "! _sandbox_alive $(cat "$work/term.reaper")" 10 || true
 
 # --- the developer marker keeps sh and getty alive on SIGTERM
 cp /bin/sleep /tmp/getty
@@ -141,7 +147,7 @@ check "processes named sh and getty run" [ "$(awk '/^Name:/{print $2}' /proc/$sh
 daemon=$(start_daemon debug) || daemon=""
 check "a fresh daemon started (marker present)" [ -n "$daemon" ]
 touch /var/dev/leftover
-stop_daemon 10
+stop_daemon "$stop_timeout"
 check "marker: the daemon ended on SIGTERM" gone "$daemon"
 check "marker: sh keeps running" _sandbox_alive "$sh_pid"
 check "marker: getty keeps running" _sandbox_alive "$getty_pid"
@@ -150,7 +156,7 @@ rm -f /tmp/usbmgrd_develop
 
 daemon=$(start_daemon debug) || daemon=""
 check "a fresh daemon started (no marker)" [ -n "$daemon" ]
-stop_daemon 10
+stop_daemon "$stop_timeout"
 check "no marker: the daemon ended on SIGTERM" gone "$daemon"
 check "no marker: sh is killed" wait_for "! _sandbox_alive $sh_pid" 5
 check "no marker: getty is killed" wait_for "! _sandbox_alive $getty_pid" 5
@@ -181,7 +187,7 @@ if [ -n "$daemon" ] && [ -n "$busd" ]; then
     check "bus gone: the log says terminated" grep -Eq 'ORB fault mgt daemon is terminated$' "$ORBIIL_LOG_FILE"
     check "bus gone: exit status 0" wait_for "[ \"\$(reaped_status nobus $daemon)\" = 0 ]" 3
 fi
-wait "$(cat "$work/nobus.reaper")" || true
+wait_for "! _sandbox_alive $(cat "$work/nobus.reaper")" 10 || true
 
 trap - EXIT
 rm -rf "$work"
