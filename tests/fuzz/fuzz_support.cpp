@@ -39,7 +39,10 @@ bool is_control(unsigned char c) { return c < 0x20 || c == 0x7f; }
 // ---------------------------------------------------------------------------
 // Command formats. %w a plain shell word, %n a kernel device name, %u a
 // device minor number (0 to 2^20 - 1), %a any text without control bytes that cannot pass for an
-// option (a folder from the settings, a user name); run through the shell,
+// option (a folder from the settings, a user name), %v the value of the
+// option before it: any text without control bytes, a leading '-' too (an
+// option parser takes the next argument whole as a required value: a
+// password "-A" is pdbedit's password, not its -A); run through the shell,
 // every value must be a plain word.
 
 const char* const kExecFormats[] = {
@@ -64,7 +67,7 @@ const char* const kExecFormats[] = {
     "/sbin/minidlnad -f %a -R",
     "/bin/smbd",
     "/bin/nmbd",
-    "/bin/pdbedit -a -u %a -T %a -A",
+    "/bin/pdbedit -a -u %a -T %v -A",
     "/bin/pdbedit -x -u %a -A",
     "getty -L 115200 /var/dev/%n",
 };
@@ -102,6 +105,12 @@ bool any_argument(std::string_view s) {
     return true;
 }
 
+bool option_value(std::string_view s) {
+    for (char c : s)
+        if (is_control(static_cast<unsigned char>(c))) return false;
+    return true;
+}
+
 bool slot_ok(char slot, std::string_view value, bool shell) {
     switch (slot) {
         case 'w':
@@ -112,6 +121,8 @@ bool slot_ok(char slot, std::string_view value, bool shell) {
             return minor_number(value);
         case 'a':
             return shell ? usbmgr::shell_word_ok(value) : any_argument(value);
+        case 'v':
+            return shell ? usbmgr::shell_word_ok(value) : option_value(value);
         default:
             return false;
     }

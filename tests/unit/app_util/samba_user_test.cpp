@@ -142,6 +142,19 @@ TEST_F(SambaUsers, PdbeditRunsWithoutAShellWithNameAndPasswordAsSingleArguments)
     EXPECT_TRUE(fake::logged("run command : /bin/pdbedit -a -u al;ice -T se cret$(x) -A"));
 }
 
+// A password is -T's value, which pdbedit's option parser takes whole even
+// when it begins with '-': it is stored and passed as it is. Only a name
+// with a leading '-' is refused, since it would stand where an option can.
+TEST_F(SambaUsers, PasswordBeginningWithADashIsKeptAndPassedAsTheValueOfT) {
+    set_map();
+    write_lines(USBMGR_CONF_PATH, kHead);
+    EXPECT_EQ(app_util_add_samba_user("alice", "-A", 1), 0);
+    EXPECT_EQ(settings(), join({kHead, slot_lines(0, "alice", "-A", 1)}));
+    const auto calls = seams.runner.calls();
+    ASSERT_EQ(calls.size(), 3u);
+    EXPECT_EQ(calls[2].argv, (Lines{"/bin/pdbedit", "-a", "-u", "alice", "-T", "-A", "-A"}));
+}
+
 TEST_F(SambaUsers, AddingWhenSlotsZeroOneAndThreeAreUsedGivesSlotTwoBeforeTheNextUserLineAfterSlotOne) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 1),
