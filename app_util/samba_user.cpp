@@ -10,6 +10,7 @@
 
 #include "app_util/app_util.h"
 #include "db_util/db_util.h"
+#include "db_util/line_reader.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
 #include "db_util/runner.h"
@@ -98,18 +99,6 @@ struct SettingsLine {
     UserItem item;
     int slot;
 };
-
-std::size_t read_piece(FILE* f, char (&buf)[DB_UTIL_LINE_SIZE]) {
-    std::size_t n = 0;
-    while (n < sizeof buf - 1) {
-        const int c = getc_unlocked(f);
-        if (c == EOF) break;
-        buf[n++] = static_cast<char>(c);
-        if (c == '\n') break;
-    }
-    buf[n] = '\0';
-    return n;
-}
 
 const char* item_key_name(UserItem item) {
     switch (item) {
@@ -203,9 +192,17 @@ Rewrite rewrite_settings(Filter&& filter, Finish&& finish) {
             if (!out) return Rewrite::no_temp;
             SettingsOut writer(out.get());
             char raw[DB_UTIL_LINE_SIZE];
-            while (std::size_t len = read_piece(in.get(), raw)) {
+            std::string whole;
+            while (std::size_t len = usbmgr::read_line_piece(in.get(), raw)) {
                 SettingsLine line{raw, len, UserItem::none, -1};
                 classify(raw, line);
+                // A line longer than one read is judged by its first piece
+                // and goes whole: judged piece by piece, a dropped user
+                // line's tail stayed behind as a line of its own.
+                if (raw[len - 1] != '\n' && usbmgr::read_rest_of_line(in.get(), raw, len, whole)) {
+                    line.raw = whole.data();
+                    line.raw_len = whole.size();
+                }
                 filter(line, writer);
             }
             finish(writer);

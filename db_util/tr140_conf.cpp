@@ -15,6 +15,7 @@
 
 #include "app_util/app_util.h"
 #include "db_util/db_util.h"
+#include "db_util/line_reader.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
 #include "db_util/runner.h"
@@ -44,38 +45,6 @@ void parse_line(const char* line, Tr140FilterLine& out) {
     char key[DB_UTIL_KEY_SIZE];
     usbmgr::copy_str(key, out.key);
     db_util_tr140_conf_split_key(key, &out.parts);
-}
-
-// Reads one piece as fgets into 256 characters would (up to and with the
-// newline, at most 255 bytes) and returns its length, 0 at the end. The
-// length is what lets a kept piece be copied whole: a NUL in it would end
-// the copy of a C string early and lose the newline behind it.
-std::size_t read_piece(FILE* f, char (&buf)[DB_UTIL_LINE_SIZE]) {
-    std::size_t n = 0;
-    while (n < sizeof buf - 1) {
-        const int c = getc_unlocked(f);
-        if (c == EOF) break;
-        buf[n++] = static_cast<char>(c);
-        if (c == '\n') break;
-    }
-    buf[n] = '\0';
-    return n;
-}
-
-// The rest of a line whose first piece (head, head_len bytes, no newline)
-// filled a read: whole becomes the line up to and with its newline, at most
-// kMaxLineSize bytes (a longer line goes on as lines of its own). False when
-// the head was the file's last bytes.
-constexpr std::size_t kMaxLineSize = 1 << 20;
-bool read_rest_of_line(FILE* f, const char* head, std::size_t head_len, std::string& whole) {
-    whole.assign(head, head_len);
-    while (whole.size() < kMaxLineSize) {
-        const int c = getc_unlocked(f);
-        if (c == EOF) break;
-        whole.push_back(static_cast<char>(c));
-        if (c == '\n') break;
-    }
-    return whole.size() > head_len;
 }
 
 // The key a lookup of a device's line would be made with ("USBMGR.%d.%s"),
@@ -164,7 +133,7 @@ int find_in_record(const char* item, const char* serial, Take&& take) {
     }
     bool found = false;
     char line[DB_UTIL_LINE_SIZE];
-    while (std::size_t len = read_piece(f.get(), line)) {
+    while (std::size_t len = usbmgr::read_line_piece(f.get(), line)) {
         Tr140FilterLine parsed{line, len, {}, {}, {}};
         parse_line(line, parsed);
         if (is_item(parsed.parts, "SERIAL_NUMBER") && std::strcmp(parsed.value, serial) == 0) {
@@ -224,7 +193,7 @@ IdRange read_id_range() {
     }
     // By position: the first line gives first, every later line overwrites last.
     char line[DB_UTIL_LINE_SIZE];
-    while (std::size_t len = read_piece(f.get(), line)) {
+    while (std::size_t len = usbmgr::read_line_piece(f.get(), line)) {
         Tr140FilterLine parsed{line, len, {}, {}, {}};
         parse_line(line, parsed);
         if (!r.has_first) {
@@ -249,7 +218,7 @@ int lowest_id_of_serial(const char* serial, long long lo, long long hi) {
     if (!f) return -1;
     int best = -1;
     char line[DB_UTIL_LINE_SIZE];
-    while (std::size_t len = read_piece(f.get(), line)) {
+    while (std::size_t len = usbmgr::read_line_piece(f.get(), line)) {
         Tr140FilterLine parsed{line, len, {}, {}, {}};
         parse_line(line, parsed);
         const int id = parsed.parts.device_id;
@@ -268,7 +237,7 @@ long long count_name_lines(int device_id) {
     if (!f) return 0;
     long long n = 0;
     char line[DB_UTIL_LINE_SIZE];
-    while (std::size_t len = read_piece(f.get(), line)) {
+    while (std::size_t len = usbmgr::read_line_piece(f.get(), line)) {
         Tr140FilterLine parsed{line, len, {}, {}, {}};
         parse_line(line, parsed);
         if (parsed.parts.device_id != device_id || !is_item(parsed.parts, "NAME")) continue;
@@ -310,13 +279,13 @@ int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context) {
     Tr140FilterOut writer(out.get());
     char line[DB_UTIL_LINE_SIZE];
     std::string whole;
-    while (std::size_t len = read_piece(in.get(), line)) {
+    while (std::size_t len = usbmgr::read_line_piece(in.get(), line)) {
         Tr140FilterLine parsed{line, len, {}, {}, {}};
         parse_line(line, parsed);
         // A line longer than one read is judged by its first piece and goes
         // whole: judged piece by piece, a kept head whose tail was dropped
         // lost its newline and swallowed the next line.
-        if (line[len - 1] != '\n' && read_rest_of_line(in.get(), line, len, whole)) {
+        if (line[len - 1] != '\n' && usbmgr::read_rest_of_line(in.get(), line, len, whole)) {
             parsed.raw = whole.data();
             parsed.raw_len = whole.size();
         }

@@ -373,7 +373,8 @@ int cmd_monitor(int argc, char** argv) {
     int64_t timeout_s = -1;
     std::string source = kDaemonName;
     std::vector<uint32_t> ids;
-    for (int i = 0; i < argc; ++i) {
+    // Options come in pairs: an option and its value.
+    for (int i = 0; i < argc; i += 2) {
         const char* opt = argv[i];
         const char* val = i + 1 < argc ? argv[i + 1] : nullptr;
         int64_t n = 0;
@@ -393,7 +394,6 @@ int cmd_monitor(int argc, char** argv) {
         } else {
             return usage_error("unknown monitor option '%s'", opt);
         }
-        ++i;
     }
     if (ids.empty()) {
         if (source == kHotplugName)

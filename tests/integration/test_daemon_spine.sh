@@ -17,9 +17,10 @@ set -euo pipefail
 work=$(mktemp -d /tmp/spine.XXXXXX)
 bus() { busctl --address="$ORBIIL_BUS_ADDRESS" "$@"; }
 
-# The shutdown stops Samba and MiniDLNA first and waits until they are gone;
-# servers still starting (each daemon here is stopped soon after its start)
-# take seconds to end, nmbd most.
+# The shutdown stops Samba and MiniDLNA first and waits, without a limit,
+# until they are gone. Each daemon here is stopped soon after its start,
+# while the servers are still starting: that takes about 3 s, and once took
+# over 10 s on a loaded machine.
 stop_timeout=30
 cleanup() { leave_sandbox "$stop_timeout"; }
 trap cleanup EXIT

@@ -194,6 +194,17 @@ TEST_F(SambaUsers, AddingIntoAFreeSlotDropsLinesItsFormerUserLeftBehind) {
     EXPECT_STREQ(user.password, "new");
 }
 
+// Found by fuzzing: a former user's enable line longer than one read was
+// dropped piece by piece, so its tail stayed behind as a line of its own.
+TEST_F(SambaUsers, AddingIntoAFreeSlotDropsAnEnableLineLongerThanOneReadWhole) {
+    set_map();
+    std::string long_enable = "USBMGR.SAMBA.USER_ENABLE.0=1";
+    long_enable += std::string(DB_UTIL_LINE_SIZE - 1 - long_enable.size(), 'x') + "USBMGR.2.PNAME=tail";
+    write_lines(USBMGR_CONF_PATH, join({kHead, {long_enable}, kTail}));
+    EXPECT_EQ(app_util_add_samba_user("alice", "new", 1), 0);
+    EXPECT_EQ(settings(), join({kHead, kTail, slot_lines(0, "alice", "new", 1)}));
+}
+
 TEST_F(SambaUsers, AddingANameAlreadyThereChangesNothing) {
     set_map();
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1)}));
@@ -280,6 +291,19 @@ TEST_F(SambaUsers, RemovingDropsTheSlotsLinesAndRunsTheDeleteCommand) {
     EXPECT_EQ(settings(), join({kHead, slot_lines(1, "bob", "b", 1), kTail}));
     EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, remove_cmd("alice")}));
     EXPECT_EQ(map_file(), "admin = bob");
+}
+
+// The tail of a long line reads as the user's name line (the reader sees
+// the file in pieces of one read); the line itself is not the user's and
+// stays whole, newline and all, so the line after it keeps its own key.
+TEST_F(SambaUsers, RemovingKeepsALineLongerThanOneReadWholeWhenItsTailReadsAsTheUsersLine) {
+    set_map();
+    std::string long_line = "USBMGR.0.PNAME=";
+    long_line += std::string(DB_UTIL_LINE_SIZE - 1 - long_line.size(), 'x') + "USBMGR.SAMBA.USER_NAME.0=alice";
+    write_lines(USBMGR_CONF_PATH, join({kHead, {long_line, "USBMGR.SAMBA.USER_PASSWORD.0=a",
+                                                "USBMGR.SAMBA.USER_ENABLE.0=1"}, kTail}));
+    EXPECT_EQ(app_util_remove_samba_user("alice"), 0);
+    EXPECT_EQ(settings(), join({kHead, {long_line}, kTail}));
 }
 
 TEST_F(SambaUsers, RemovingAnUnknownNameWhileSlotTwentyFourIsFreeChangesNothing) {
