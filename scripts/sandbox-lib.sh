@@ -432,24 +432,23 @@ start_daemon() {
     echo "$pid"
 }
 
+# _sandbox_alive PID: the process runs (not a zombie). Its status is read
+# once: a zombie reaped between two looks would otherwise pass for alive.
 _sandbox_alive() {
-    [ -d "/proc/$1" ] && ! grep -q '^State:[[:space:]]*Z' "/proc/$1/status" 2>/dev/null
+    local state
+    [ -n "$1" ] || return 1
+    state=$(sed -n 's/^State:[[:space:]]*\([A-Z]\).*/\1/p' "/proc/$1/status" 2>/dev/null) || return 1
+    [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
 }
 
 # leave_sandbox TIMEOUT_S [DISK...]: a script's end, on an error too: the
 # monitor of start_monitor and the daemon stopped, the named disks detached
-# if still attached (detach_disk unmounts whatever still uses them). After a
-# failed check the end of the daemon's log is printed: the sandbox and its
-# log are gone once the script ends.
+# if still attached (detach_disk unmounts whatever still uses them).
 leave_sandbox() {
     local timeout=$1 d
     shift
     [ -z "${monitor_pid:-}" ] || kill "$monitor_pid" 2>/dev/null || true
     stop_daemon "$timeout" >/dev/null 2>&1 || true
-    if [ "${failed:-0}" -gt 0 ] && [ -f "${ORBIIL_LOG_FILE:-}" ]; then
-        echo "# the last ${USBMGR_LOG_TAIL:-80} lines of $ORBIIL_LOG_FILE:"
-        tail -n "${USBMGR_LOG_TAIL:-80}" "$ORBIIL_LOG_FILE" | sed 's/^/#   /'
-    fi
     for d in "$@"; do
         [ ! -e "/var/lib/sandbox/disks/$d" ] || detach_disk "$d" >/dev/null 2>&1 || true
     done
@@ -464,8 +463,24 @@ stop_daemon() {
         kill -TERM "$pid" 2>/dev/null || true
     done
     for pid in $pids; do
-        wait_for "! _sandbox_alive $pid" "$timeout" || return 1
+        wait_for "! _sandbox_alive $pid" "$timeout" || {
+            _sandbox_stuck_report "$pid"
+            return 1
+        }
     done
+}
+
+# Where a daemon that does not end waits: its threads and its children.
+_sandbox_stuck_report() {
+    local t c
+    echo "# usbmgrd $1 still runs; its threads (state, kernel wait):"
+    for t in /proc/"$1"/task/*; do
+        echo "#   $(basename "$t") $(awk '/^State:/ {print $2}' "$t/status" 2>/dev/null) $(cat "$t/wchan" 2>/dev/null)"
+    done
+    for c in $(pgrep -P "$1" || true); do
+        echo "#   child $c: $(tr '\0' ' ' <"/proc/$c/cmdline" 2>/dev/null | cut -c1-80) state $(awk '/^State:/ {print $2}' "/proc/$c/status" 2>/dev/null) $(cat "/proc/$c/wchan" 2>/dev/null)"
+    done
+    _sandbox_log_tail
 }
 
 # ---------------------------------------------------------------------------
@@ -483,7 +498,18 @@ check() {
     else
         echo "not ok - $what"
         failed=$((failed + 1))
+        _sandbox_log_tail
     fi
+}
+
+# The end of the daemon's log, as comments: printed at a failed check, since
+# the sandbox and its log are gone once the script ends.
+_sandbox_log_tail() {
+    [ -f "${ORBIIL_LOG_FILE:-}" ] || return 0
+    echo "# the last ${USBMGR_LOG_TAIL:-40} lines of $ORBIIL_LOG_FILE:"
+    tail -n "${USBMGR_LOG_TAIL:-40}" "$ORBIIL_LOG_FILE" | sed 's/^/#   /'
+    echo "# the sandbox's processes:"
+    ps -eo pid,ppid,stat,etimes,comm,args 2>/dev/null | cut -c1-120 | sed 's/^/#   /'
 }
 
 # Microseconds of the wall clock, for the gaps a test measures.
