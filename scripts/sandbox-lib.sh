@@ -437,8 +437,13 @@ start_daemon() {
 _sandbox_alive() {
     local state
     [ -n "$1" ] || return 1
-    state=$(sed -n 's/^State:[[:space:]]*\([A-Z]\).*/\1/p' "/proc/$1/status" 2>/dev/null) || return 1
+    state=$(_sandbox_state "/proc/$1") || return 1
     [ -n "$state" ] && [ "$state" != Z ] && [ "$state" != X ]
+}
+
+# _sandbox_state DIR: the state letter in DIR/status (a process or a task).
+_sandbox_state() {
+    sed -n 's/^State:[[:space:]]*\([A-Z]\).*/\1/p' "$1/status" 2>/dev/null
 }
 
 # leave_sandbox TIMEOUT_S [DISK...]: a script's end, on an error too: the
@@ -475,10 +480,10 @@ _sandbox_stuck_report() {
     local t c
     echo "# usbmgrd $1 still runs; its threads (state, kernel wait):"
     for t in /proc/"$1"/task/*; do
-        echo "#   $(basename "$t") $(awk '/^State:/ {print $2}' "$t/status" 2>/dev/null) $(cat "$t/wchan" 2>/dev/null)"
+        echo "#   $(basename "$t") $(_sandbox_state "$t") $(cat "$t/wchan" 2>/dev/null)"
     done
     for c in $(pgrep -P "$1" || true); do
-        echo "#   child $c: $(tr '\0' ' ' <"/proc/$c/cmdline" 2>/dev/null | cut -c1-80) state $(awk '/^State:/ {print $2}' "/proc/$c/status" 2>/dev/null) $(cat "/proc/$c/wchan" 2>/dev/null)"
+        echo "#   child $c: $(tr '\0' ' ' <"/proc/$c/cmdline" 2>/dev/null | cut -c1-80) state $(_sandbox_state "/proc/$c") $(cat "/proc/$c/wchan" 2>/dev/null)"
     done
     _sandbox_log_tail
 }

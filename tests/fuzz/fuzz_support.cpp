@@ -98,18 +98,13 @@ bool minor_number(std::string_view s) {
     return std::stol(std::string(s)) < (1L << 20);
 }
 
-bool any_argument(std::string_view s) {
-    if (!s.empty() && s.front() == '-') return false;
-    for (char c : s)
-        if (is_control(static_cast<unsigned char>(c))) return false;
-    return true;
-}
-
 bool option_value(std::string_view s) {
     for (char c : s)
         if (is_control(static_cast<unsigned char>(c))) return false;
     return true;
 }
+
+bool any_argument(std::string_view s) { return (s.empty() || s.front() != '-') && option_value(s); }
 
 bool slot_ok(char slot, std::string_view value, bool shell) {
     switch (slot) {
