@@ -129,8 +129,10 @@ std::vector<AppUtilSambaShare> app_util_samba_shares(const std::vector<std::stri
     for (const std::string& folder : folders) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "found %s ...", folder.c_str());
         char serial[kNameSize] = {};
-        // Not found answers like found; the cleared buffer tells them apart.
-        bool known = db_util_get_device_serial_number(folder.c_str(), serial) == 0 && serial[0] != '\0';
+        // A disk without a serial number is known too: its empty serial
+        // names the history record whose SERIAL_NUMBER is empty, as in the
+        // model. Only a folder of no attached disk is unknown.
+        bool known = db_util_find_device_serial_number(folder.c_str(), serial) == 0;
         if (known) {
             // Disabled volumes are not shared.
             if (db_util_get_tr140_volume_status(folder.c_str(), serial) != 1) continue;

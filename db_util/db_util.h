@@ -207,6 +207,9 @@ int db_util_tr140_conf_record_new_sn(const char* serial, int volumes);
 // the first character of slot 24's device name when none matches (0 when that
 // slot is free), so callers clear out and look at it.
 int db_util_get_device_serial_number(const char* name, char* out);
+// The same lookup, told apart: 0 when an attached disk's device list holds
+// name (its serial, possibly empty, in out), -1 when none does (out untouched).
+int db_util_find_device_serial_number(const char* name, char* out);
 // Names of the record of serial (the "found" state lasts to the end of the
 // file): 0 found, -1 not found or no file.
 int db_util_get_tr140_volume_name(const char* volume, const char* serial, char* out);

@@ -408,7 +408,7 @@ int db_util_tr140_conf_record_new_sn(const char* serial, int volumes) {
     return -1;
 }
 
-int db_util_get_device_serial_number(const char* name, char* out) {
+int db_util_find_device_serial_number(const char* name, char* out) {
     if (name == nullptr || out == nullptr) return -1;
     for (int i = 0; i < USB_TABLE_SIZE; ++i) {
         const UsbPhysicalInfo& e = usb_physical_info[i];
@@ -422,6 +422,12 @@ int db_util_get_device_serial_number(const char* name, char* out) {
         usbmgr::copy_bounded(out, kNameOutSize, serial);
         return 0;
     }
+    return -1;
+}
+
+int db_util_get_device_serial_number(const char* name, char* out) {
+    if (name == nullptr || out == nullptr) return -1;
+    if (db_util_find_device_serial_number(name, out) == 0) return 0;
     // Not found answers with slot 24's first character: 0 when that slot is
     // free, so callers look at their cleared buffer instead.
     return static_cast<unsigned char>(usb_physical_info[USB_TABLE_SIZE - 1].attach_device[0]);

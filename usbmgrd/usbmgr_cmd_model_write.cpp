@@ -67,9 +67,13 @@ bool volume_device(int32_t service, int32_t slot, int32_t* status, VolumeTarget*
 }
 
 // The user-access commands stop without a status when the volume's disk has
-// no serial number to find its record by.
+// no serial number to find its record by: the lookup tells "not found" only
+// by the cleared buffer staying empty, so a disk without a serial number
+// counts as not found too.
 bool volume_target(int32_t service, int32_t slot, int32_t* status, VolumeTarget* t) {
-    return volume_device(service, slot, status, t) && db_util_get_device_serial_number(t->device, t->serial) == 0;
+    if (!volume_device(service, slot, status, t)) return false;
+    db_util_get_device_serial_number(t->device, t->serial);
+    return t->serial[0] != '\0';
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #define USBMGR_TEST_STORAGE_WORLD_H
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <map>
 #include <memory>
@@ -65,6 +66,21 @@ public:
             mount(v, "ext4", 100, 10);
         }
         return slot;
+    }
+
+    // Undoes plug as the removal does: rows deleted, nodes and folders gone.
+    void unplug(const FakeDisk& d) {
+        std::string list = d.disk;
+        for (const auto& v : d.volumes) list += "," + v;
+        usbmgr::DaemonLock lock;
+        for (const auto& v : d.volumes) {
+            db_util_delete_usb_volume_info_item(v.c_str());
+            unlink(("/var/dev/" + v).c_str());
+            rmdir(("/tmp/disk/" + v).c_str());
+            state_->volumes.erase(v);
+        }
+        db_util_delete_usb_physical_info_item(list.c_str());
+        unlink(("/var/dev/" + d.disk).c_str());
     }
 
     void node(const std::string& name) { write_file("/var/dev/" + name, ""); }

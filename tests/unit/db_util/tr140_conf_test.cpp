@@ -80,6 +80,27 @@ TEST(HistoryRecord, SameDiskWithSameVolumeCountChangesNothingAndDoesNotHandOff) 
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
+TEST(HistoryRecord, DisksWithoutASerialNumberShareOneRecordWithAnEmptySerial) {
+    testing_support::Seams seams;
+    set_history(5);
+    write_history(record(0, "S0", 1));
+    db_util_tr140_conf_record_new_sn("", 1);
+    EXPECT_EQ(history(), join({record(0, "S0", 1), record(1, "", 1)}));
+    // The next disk without a serial number finds that record.
+    seams.runner.clear();
+    db_util_tr140_conf_record_new_sn("", 1);
+    EXPECT_EQ(history(), join({record(0, "S0", 1), record(1, "", 1)}));
+    EXPECT_TRUE(seams.runner.texts().empty());
+    char serial[64] = {};
+    std::memcpy(usb_physical_info[3].attach_device, "sdc,sdc1", 8);
+    EXPECT_EQ(db_util_get_device_serial_number("sdc1", serial), 0);
+    EXPECT_STREQ(serial, "");
+    EXPECT_EQ(db_util_find_device_serial_number("sdc1", serial), 0);
+    EXPECT_EQ(db_util_find_device_serial_number("sdz1", serial), -1);
+    EXPECT_EQ(db_util_get_tr140_device_id_by_serial_number(""), 1);
+    std::memset(usb_physical_info, 0, sizeof usb_physical_info);
+}
+
 TEST(HistoryRecord, DiskOfFirstRecordReturningWithOtherVolumeCountIsAppendedUnderNewId) {
     testing_support::Seams seams;
     set_history(5);

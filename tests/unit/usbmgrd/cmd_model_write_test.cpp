@@ -7,10 +7,12 @@
 #include <cstdint>
 #include <cstring>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "app_util/app_util.h"
 #include "db_util/db_util.h"
 #include "fixture.h"
 #include "platform_fake.h"
@@ -581,4 +583,149 @@ TEST_F(ModelWrite, AllOnesPayloadsAreRefusedAndLeaveBothFilesAsTheyWere) {
     EXPECT_EQ(read_file(USBMGR_CONF_PATH), settings_before);
     // 27 to 29 publish whatever their result.
     EXPECT_EQ(fake::sent_kinds(), (Kinds{5, 6, 7}));
+}
+
+// ---------------------------------------------------------------------------
+// Disks without a serial number: their empty serial names the history
+// record whose SERIAL_NUMBER is empty, except for the user-access commands,
+// which take the empty buffer as a failed lookup.
+
+namespace {
+
+// kHistory and a record with an empty serial number (volume 0 named Stick
+// and disabled).
+Lines history_with_serial_less_record() {
+    Lines h = kHistory;
+    h.insert(h.end(), {"USBMGR.2.SERIAL_NUMBER=", "USBMGR.2.PNAME=Nameless", "USBMGR.2.NAME.0=Stick",
+                       "USBMGR.2.ENABLE.0=0", "USBMGR.2.USER_ACCESS.0.USERREFERENCE.0=StorageService.0.UserAccess.1",
+                       "USBMGR.2.USER_ACCESS.0.PERMISSIONS.0=2"});
+    return h;
+}
+
+FakeDisk serial_less(const std::string& disk) {
+    FakeDisk d;
+    d.disk = disk;
+    d.volumes = {disk + "1"};
+    d.serial = "";
+    return d;
+}
+
+}  // namespace
+
+class SerialLessDisk : public ModelWrite {
+protected:
+    SerialLessDisk() {
+        StorageWorld::history(history_with_serial_less_record());
+        disk_slot = world.plug(serial_less("sdc"));
+        StorageWorld::build();
+        seams.runner.clear();
+        fake::reset();
+    }
+
+    static const tr140_logical_volume& volume_of(const char* name) {
+        const int slot = db_util_get_usb_volume_info_index_by_device(name);
+        return model().LogicalVolume[usb_volume_info[slot].tr140_db_address];
+    }
+    static const tr140_physical_medium& disk_of(int slot) {
+        return model().PhysicalMedium[usb_physical_info[slot].tr140_db_address];
+    }
+    static int32_t volume_slot(const char* name) { return db_util_get_usb_volume_info_index_by_device(name); }
+
+    static std::vector<std::pair<std::string, std::string>> shares(const std::vector<std::string>& folders) {
+        std::vector<std::pair<std::string, std::string>> out;
+        for (const auto& s : app_util_samba_shares(folders)) out.emplace_back(s.folder, s.volume_name);
+        return out;
+    }
+
+    void set_volume(const char* volume, uint32_t enable, const char* name) {
+        auto c = request<CmdSetLogicalVolume>(0, volume_slot(volume));
+        c.Enable = enable;
+        std::memset(c.Name, 0, sizeof c.Name);
+        usbmgr::copy_str(c.Name, name);
+        usbmgr_cmd_set_logical_volume(c);
+        ASSERT_EQ(c.status, 0);
+    }
+
+    int disk_slot = -1;
+};
+
+TEST_F(SerialLessDisk, AddingUserAccessOnADiskWithoutASerialNumberLeavesTheStatusAsTheRequestHadIt) {
+    auto a = request<CmdAddUserAccess>(0, volume_slot("sdc1"));
+    std::memset(a.UserName, 0, sizeof a.UserName);
+    usbmgr::copy_str(a.UserName, "alice");
+    a.Permissions = 1;
+    usbmgr_cmd_set_storage_add_user_access(a);
+    EXPECT_EQ(a.status, kUntouched);
+    EXPECT_EQ(history(), history_with_serial_less_record());
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_TRUE(testing_support::pending_kinds().empty());
+    EXPECT_TRUE(fake::sent_kinds().empty());
+}
+
+TEST_F(SerialLessDisk, RemovingUserAccessOnADiskWithoutASerialNumberLeavesTheStatusAsTheRequestHadIt) {
+    auto r = request<CmdRemoveUserAccess>(0, volume_slot("sdc1"));
+    r.number = 0;  // the serial-less record has entry 0
+    usbmgr_cmd_set_storage_remove_user_access(r);
+    EXPECT_EQ(r.status, kUntouched);
+    EXPECT_EQ(history(), history_with_serial_less_record());
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_TRUE(fake::sent_kinds().empty());
+}
+
+TEST_F(SerialLessDisk, TheModelAndTheSambaSharesShowTheNamesAndEnableOfTheRecordWithAnEmptySerial) {
+    EXPECT_STREQ(disk_of(disk_slot).Name, "Nameless");
+    const tr140_logical_volume& lv = volume_of("sdc1");
+    EXPECT_STREQ(lv.Name, "Stick");
+    EXPECT_STREQ(lv.Status, "Offline");
+    EXPECT_EQ(lv.Enable, 0u);
+    EXPECT_STREQ(lv.Folder[0].Name, "/disk/Stick");
+    ASSERT_EQ(lv.Folder[0].UserAccessNumberOfEntries, 1u);
+    EXPECT_STREQ(lv.Folder[0].UserAccess[0].UserReference, "StorageService.0.UserAccess.1");
+    // Disabled in that record: not shared, and a named volume before it
+    // does not lend it its name.
+    set_volume("sdb1", 1, "Films");
+    EXPECT_EQ(shares({"sdb1", "sdc1"}), (std::vector<std::pair<std::string, std::string>>{{"sdb1", "Films"}}));
+}
+
+TEST_F(SerialLessDisk, SettingAVolumeOfADiskWithoutASerialNumberChangesTheRecordWithAnEmptySerial) {
+    set_volume("sdc1", 1, "Renamed");
+    Lines expected = history_with_serial_less_record();
+    expected[18] = "USBMGR.2.NAME.0=Renamed";
+    expected[19] = "USBMGR.2.ENABLE.0=1";
+    EXPECT_EQ(history(), expected);
+    EXPECT_STREQ(volume_of("sdc1").Name, "Renamed");
+    EXPECT_EQ(volume_of("sdc1").Enable, 1u);
+    EXPECT_EQ(shares({"sdb1", "sdc1"}),
+              (std::vector<std::pair<std::string, std::string>>{{"sdb1", "Films"}, {"sdc1", "Renamed"}}));
+}
+
+TEST_F(SerialLessDisk, TwoDisksWithoutASerialNumberAtOnceBothShowTheRecordWithAnEmptySerial) {
+    const int second = world.plug(serial_less("sdd"));
+    StorageWorld::build();
+    EXPECT_STREQ(disk_of(second).Name, "Nameless");
+    EXPECT_STREQ(volume_of("sdd1").Name, "Stick");
+    EXPECT_EQ(volume_of("sdd1").Enable, 0u);
+    // A change made through either volume is the other's too.
+    set_volume("sdd1", 1, "Shared");
+    EXPECT_STREQ(volume_of("sdc1").Name, "Shared");
+    EXPECT_STREQ(volume_of("sdd1").Name, "Shared");
+    EXPECT_EQ(volume_of("sdc1").Enable, 1u);
+    EXPECT_EQ(shares({"sdc1", "sdd1"}),
+              (std::vector<std::pair<std::string, std::string>>{{"sdc1", "Shared"}, {"sdd1", "Shared"}}));
+    for (const char* v : {"sdc1", "sdd1"}) {
+        auto a = request<CmdAddUserAccess>(0, volume_slot(v));
+        usbmgr_cmd_set_storage_add_user_access(a);
+        EXPECT_EQ(a.status, kUntouched) << v;
+    }
+}
+
+TEST_F(SerialLessDisk, ADiskWithoutASerialNumberAfterAnotherOneShowsTheNameGivenToTheFirst) {
+    set_volume("sdc1", 1, "Camera");
+    world.unplug(serial_less("sdc"));
+    const int next = world.plug(serial_less("sde"));
+    StorageWorld::build();
+    EXPECT_STREQ(disk_of(next).Name, "Nameless");
+    EXPECT_STREQ(volume_of("sde1").Name, "Camera");
+    EXPECT_EQ(volume_of("sde1").Enable, 1u);
+    EXPECT_EQ(shares({"sde1"}), (std::vector<std::pair<std::string, std::string>>{{"sde1", "Camera"}}));
 }
