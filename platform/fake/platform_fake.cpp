@@ -35,10 +35,28 @@ std::vector<std::string> log_texts() {
     return out;
 }
 
+std::vector<LogLine> log_lines() {
+    std::lock_guard<std::recursive_mutex> lock(g_trace_mutex);
+    return g_bus.log;
+}
+
 bool logged(const std::string& text) {
     for (const auto& t : log_texts())
         if (t == text) return true;
     return false;
+}
+
+bool logged(int level, const std::string& module, const std::string& text) {
+    for (const auto& l : log_lines())
+        if (l.level == level && l.module == module && l.text == text) return true;
+    return false;
+}
+
+std::vector<std::string> log_texts(int level, const std::string& module) {
+    std::vector<std::string> out;
+    for (const auto& l : log_lines())
+        if (l.level == level && l.module == module) out.push_back(l.text);
+    return out;
 }
 
 std::vector<uint32_t> sent_kinds() {
@@ -101,12 +119,14 @@ void OrbIilTrace(int level, const char* module, int line, const char* fmt, ...) 
     va_start(ap, fmt);
     std::vsnprintf(buf, sizeof buf, fmt, ap);
     va_end(ap);
-    std::string text(buf);
-    while (!text.empty() && text.back() == '\n') text.pop_back();
+    // Kept as formatted: a text that must end in a newline is checked for it.
+    const std::string text(buf);
     std::lock_guard<std::recursive_mutex> lock(fake::g_trace_mutex);
     g_bus.log.push_back({level, module ? module : "", line, text});
     if (g_bus.log_fd >= 0) {
-        std::string out = std::to_string(getpid()) + " " + std::to_string(level) + " " + text + "\n";
+        std::string shown = text;
+        while (!shown.empty() && shown.back() == '\n') shown.pop_back();
+        std::string out = std::to_string(getpid()) + " " + std::to_string(level) + " " + shown + "\n";
         (void)!write(g_bus.log_fd, out.data(), out.size());
     }
 }

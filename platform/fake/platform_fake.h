@@ -64,10 +64,18 @@ BusState& bus();
 std::mutex& mutex();
 // Clears the state (keeps nothing).
 void reset();
-// Log texts in order (all levels), for compact assertions.
+// Log texts in order (all levels), for compact assertions. A text is kept
+// as it was formatted, trailing newlines included.
 std::vector<std::string> log_texts();
+// Log lines in order, with level and module.
+std::vector<LogLine> log_lines();
 // True when some log line's text equals text.
 bool logged(const std::string& text);
+// True when some log line has this level, module ("usbmgrd.c", "db_util.c",
+// "disk_util.c", "app_util.c") and text.
+bool logged(int level, const std::string& module, const std::string& text);
+// The log lines of one level and module, their texts in order.
+std::vector<std::string> log_texts(int level, const std::string& module);
 // Change kinds sent as event 0, in order.
 std::vector<uint32_t> sent_kinds();
 // Runs the installed handler of command id as the library would: zero-filled

@@ -145,8 +145,8 @@ TEST_F(DeviceTables, ReferenceByNameIsTheIndexFieldOfTheFirstContainingSlot) {
 
 TEST_F(DeviceTables, PrintingEmptyTablesLogsOnlyTheTwoHeaders) {
     db_util_print_usb_physical_info();
-    EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"=========== usb_physical_info ================",
-                                                            "=========== usb_volume_info ================"}));
+    EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"=========== usb_physical_info ================\n",
+                                                            "=========== usb_volume_info ================\n"}));
     for (const auto& line : fake::bus().log) {
         EXPECT_EQ(line.level, 4);
         EXPECT_EQ(line.module, "db_util.c");
@@ -166,7 +166,7 @@ TEST_F(DeviceTables, PrintingListsEveryFieldOfFilledSlotsOnly) {
 
     db_util_print_usb_physical_info();
     EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{
-                                     "=========== usb_physical_info ================",
+                                     "=========== usb_physical_info ================\n",
                                      "index               = 1",
                                      "tr140 db address    = 2",
                                      "attach_device       = sdb",
@@ -176,7 +176,7 @@ TEST_F(DeviceTables, PrintingListsEveryFieldOfFilledSlotsOnly) {
                                      "serial_number       = SN-B",
                                      "firmware_version    = 1.1",
                                      "-------------------------",
-                                     "=========== usb_volume_info ================",
+                                     "=========== usb_volume_info ================\n",
                                      "index               = 0",
                                      "tr140 db address    = 5",
                                      "name                = sdb1",

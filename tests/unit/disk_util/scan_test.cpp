@@ -78,8 +78,8 @@ TEST(StartUpScan, NoDiskLeavesBothTablesZeroAndTheHistoryUntouched) {
     EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
     EXPECT_FALSE(ran(seams, "orbcm_util cfg save"));
     for (const auto& t : fake::log_texts()) EXPECT_EQ(t.rfind("index", 0), std::string::npos) << t;
-    EXPECT_TRUE(fake::logged("=========== usb_physical_info ================"));
-    EXPECT_TRUE(fake::logged("=========== usb_volume_info ================"));
+    EXPECT_TRUE(fake::logged("=========== usb_physical_info ================\n"));
+    EXPECT_TRUE(fake::logged("=========== usb_volume_info ================\n"));
 }
 
 TEST(StartUpScan, DiskWithTwoPartitionsGivesOneDiskEntryOneHistoryRecordAndTwoVolumes) {

@@ -377,8 +377,8 @@ TEST_F(StorageModel, PrintLogsTheWholeTreeThenTheDeviceTables) {
         "Status                  = Online",
         "SMARTCapable            = 0",
         "HotSwappable            = 0",
-        "------------------------------ ",
-        "=========== LogicalVolume ================",
+        "------------------------------ \n",
+        "=========== LogicalVolume ================\n",
         "Name                    = sda1",
         "Status                  = Online",
         "Enable                  = 1",
@@ -395,16 +395,16 @@ TEST_F(StorageModel, PrintLogsTheWholeTreeThenTheDeviceTables) {
         "                    UserAccessNumberOfEntries  = 1",
         "                       UserAccess{0}  tr140_index     = 4",
         "                       UserAccess{0}  UserReference   = StorageService.0.UserAccess.0",
-        "                       UserAccess{0}  Permissions     = 2",
+        "                       UserAccess{0}  Permissions     = 2\n",
         "        Folder{1}  Name                       = /disk/sda1/Music",
         "                    Enable                     = 1",
         "                    UserAccountAccess          = 0",
         "                    UserAccessNumberOfEntries  = 0",
         "------------------------------",
-        "=========== UserAccount ================",
+        "=========== UserAccount ================\n",
         " 0. Name = alice, Password = secret, Enable = 1",
         "",
-        "=========== usb_physical_info ================",
+        "=========== usb_physical_info ================\n",
     };
     EXPECT_EQ(log_from(expected[0], expected.size()), expected);
 }
@@ -414,8 +414,8 @@ TEST_F(StorageModel, PrintOfAnEmptyTreeLogsOnlyTheHeadersAndTheClosingLine) {
     fake::reset();
     usbmgr_tr140_db_print();
     EXPECT_EQ(fake::log_texts(), (Lines{"=========== PhysicalMedium ================",
-                                        "=========== LogicalVolume ================",
-                                        "=========== UserAccount ================", ""}));
+                                        "=========== LogicalVolume ================\n",
+                                        "=========== UserAccount ================\n", ""}));
 }
 
 TEST_F(StorageModel, EveryLineOfTheTreeIsLoggedAtDebugUnderTheDaemonsSourceName) {

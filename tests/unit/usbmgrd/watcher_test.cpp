@@ -50,11 +50,11 @@ const Lines kRebuild = {
     "allocate physicalmedium = (nil), size = 0",
     "allocate logicalvolume = (nil), size = 0",
     "=========== PhysicalMedium ================",
-    "=========== LogicalVolume ================",
-    "=========== UserAccount ================",
+    "=========== LogicalVolume ================\n",
+    "=========== UserAccount ================\n",
     "",
-    "=========== usb_physical_info ================",
-    "=========== usb_volume_info ================",
+    "=========== usb_physical_info ================\n",
+    "=========== usb_volume_info ================\n",
 };
 
 Lines lines_of(std::initializer_list<Lines> parts) {
@@ -69,7 +69,7 @@ TEST_F(FolderWatcher, FolderNamedMusicCreatedSendsKindTenAtOnce) {
     usbmgr_handle_inotify_events(buf.data(), buf.size());
     EXPECT_EQ(fake::sent_kinds(), (Kinds{10}));
     EXPECT_EQ(fake::log_texts(), lines_of({
-                                     {"event->name = Music, event->mask = 0x40000100"},
+                                     {"event->name = Music, event->mask = 0x40000100\n"},
                                      kRebuild,
                                      {"1-0 : EVT BUFFER - USBMGR_TR140_LOGICAL_VOLUME_FOLDER_CHANGE"},
                                  }));
@@ -103,8 +103,8 @@ TEST_F(FolderWatcher, FolderDeletedOrMovedInAlsoSendsKindTen) {
     append_event(moved, IN_ISDIR | IN_MOVED_TO, "Videos");
     usbmgr_handle_inotify_events(moved.data(), moved.size());
     EXPECT_EQ(fake::sent_kinds(), (Kinds{10, 10}));
-    EXPECT_TRUE(fake::logged("event->name = Photos, event->mask = 0x40000200"));
-    EXPECT_TRUE(fake::logged("event->name = Videos, event->mask = 0x40000080"));
+    EXPECT_TRUE(fake::logged("event->name = Photos, event->mask = 0x40000200\n"));
+    EXPECT_TRUE(fake::logged("event->name = Videos, event->mask = 0x40000080\n"));
 }
 
 TEST_F(FolderWatcher, OtherMasksAndEmptyNamesAreIgnored) {
@@ -126,10 +126,10 @@ TEST_F(FolderWatcher, TwoFolderEventsInOneReadGiveTwoNotifications) {
     usbmgr_handle_inotify_events(buf.data(), buf.size());
     EXPECT_EQ(fake::sent_kinds(), (Kinds{10, 10}));
     EXPECT_EQ(fake::log_texts(), lines_of({
-                                     {"event->name = Music, event->mask = 0x40000100"},
+                                     {"event->name = Music, event->mask = 0x40000100\n"},
                                      kRebuild,
                                      {"1-0 : EVT BUFFER - USBMGR_TR140_LOGICAL_VOLUME_FOLDER_CHANGE"},
-                                     {"event->name = Docs, event->mask = 0x40000200"},
+                                     {"event->name = Docs, event->mask = 0x40000200\n"},
                                      kRebuild,
                                      {"2-1 : EVT BUFFER - USBMGR_TR140_LOGICAL_VOLUME_FOLDER_CHANGE"},
                                  }));
@@ -166,7 +166,7 @@ TEST_F(FolderWatcher, NameFillingItsWholeFieldWithoutATerminatorStaysBounded) {
     buf.insert(buf.end(), name.begin(), name.end());
     usbmgr_handle_inotify_events(buf.data(), buf.size());
     EXPECT_EQ(fake::sent_kinds(), (Kinds{10}));
-    EXPECT_TRUE(fake::logged("event->name = ABCDEFGHIJKLMNOP, event->mask = 0x40000100"));
+    EXPECT_TRUE(fake::logged("event->name = ABCDEFGHIJKLMNOP, event->mask = 0x40000100\n"));
 }
 
 TEST_F(FolderWatcher, WatchesOfVolumesInDevFolderAreAddedAndRemovedWithoutAnInotifyInstance) {
@@ -201,7 +201,7 @@ TEST_F(FolderWatcher, FolderMadeOnAWatchedVolumeReachesTheHandlerAsKindTen) {
     ASSERT_GT(n, 0);
     usbmgr_handle_inotify_events(buf, static_cast<std::size_t>(n));
     EXPECT_EQ(fake::sent_kinds(), (Kinds{10}));
-    EXPECT_TRUE(fake::logged("event->name = Music, event->mask = 0x40000100"));
+    EXPECT_TRUE(fake::logged("event->name = Music, event->mask = 0x40000100\n"));
 
     usbmgr_remove_folder_watches();
     close(pollfds[0].fd);
