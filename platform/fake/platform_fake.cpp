@@ -172,10 +172,17 @@ int OrbIilSubscribeEvent(OrbIilHandle*, const char* src, uint32_t id) {
 
 int OrbIilNotify(OrbIilHandle*, uint32_t id, uint32_t len, const void* payload) {
     called("OrbIilNotify");
-    std::lock_guard<std::recursive_mutex> lock(fake::g_trace_mutex);
-    if (g_bus.notify_code) return g_bus.notify_code;
-    const auto* p = static_cast<const uint8_t*>(payload);
-    g_bus.notifications.push_back({id, std::vector<uint8_t>(p, p + len)});
+    std::function<void(uint32_t, const std::vector<uint8_t>&)> subscriber;
+    std::vector<uint8_t> sent;
+    {
+        std::lock_guard<std::recursive_mutex> lock(fake::g_trace_mutex);
+        if (g_bus.notify_code) return g_bus.notify_code;
+        const auto* p = static_cast<const uint8_t*>(payload);
+        sent.assign(p, p + len);
+        g_bus.notifications.push_back({id, sent});
+        subscriber = g_bus.on_notify;
+    }
+    if (subscriber) subscriber(id, sent);
     return 0;
 }
 

@@ -57,6 +57,9 @@ struct BusState {
     // call's name ("OrbIilInit", "OrbIilReset", ...): lets a test see the
     // calls of a forked daemon or act at a chosen step, e.g. raise a signal.
     std::function<void(const char* call)> on_call;
+    // Runs in every notification that is sent, once it is recorded: a
+    // subscriber that acts on the event as it arrives (reads the model).
+    std::function<void(uint32_t id, const std::vector<uint8_t>& payload)> on_notify;
 };
 
 // The bus double's state; guarded by mutex() when threads are involved.

@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -728,4 +729,162 @@ TEST_F(SerialLessDisk, ADiskWithoutASerialNumberAfterAnotherOneShowsTheNameGiven
     EXPECT_STREQ(volume_of("sde1").Name, "Camera");
     EXPECT_EQ(volume_of("sde1").Enable, 1u);
     EXPECT_EQ(shares({"sde1"}), (std::vector<std::pair<std::string, std::string>>{{"sde1", "Camera"}}));
+}
+
+// ---------------------------------------------------------------------------
+// A subscriber that reads the model when it hears of a change sees the new
+// state: the model is rebuilt before the change kind is published.
+
+namespace {
+
+// What the model showed each time change kind `kind` was sent.
+class ModelOnEvent : public ModelWrite {
+protected:
+    using Read = std::function<std::string()>;
+    void subscribe(Read read) {
+        fake::bus().on_notify = [this, read](uint32_t id, const std::vector<uint8_t>& payload) {
+            uint32_t kind = 0;
+            if (id != 0 || payload.size() != sizeof kind) return;
+            std::memcpy(&kind, payload.data(), sizeof kind);
+            seen.emplace_back(kind, read());
+        };
+    }
+    static std::string user_names() {
+        std::string names;
+        for (uint32_t i = 0; i < model().UserAccountNumberOfEntries; ++i)
+            names += std::string(model().UserAccount[i].Name) + ":" + std::to_string(model().UserAccount[i].Enable) + " ";
+        return names;
+    }
+    static std::string volume(int slot) {
+        const tr140_logical_volume& lv = model().LogicalVolume[usb_volume_info[slot].tr140_db_address];
+        return std::string(lv.Name) + ":" + std::to_string(lv.Enable) + ":" +
+               std::to_string(lv.Folder[0].UserAccessNumberOfEntries);
+    }
+    std::vector<std::pair<uint32_t, std::string>> seen;
+};
+
+using Seen = std::vector<std::pair<uint32_t, std::string>>;
+
+}  // namespace
+
+TEST_F(ModelOnEvent, NetworkServerIsShownInTheModelWhenKindFourIsHeard) {
+    subscribe([] {
+        return std::to_string(model().NetworkServer.SMBEnable) + ":" +
+               std::to_string(model().NetworkServer.NetworkProtocolAuthReq);
+    });
+    CmdSetStorageNetworkServer c{0, 0, 0};
+    usbmgr_cmd_set_storage_network_server(c);
+    usbmgr_alarm_work();
+    EXPECT_EQ(seen, (Seen{{4, "0:0"}}));
+}
+
+TEST_F(ModelOnEvent, AnAddedUserIsInTheModelWhenKindFiveIsHeard) {
+    subscribe(user_names);
+    auto c = user("carol", "pw1", 1);
+    usbmgr_cmd_set_add_storage_user_account(c);
+    EXPECT_EQ(seen, (Seen{{5, "alice:1 bob:1 carol:1 "}}));
+}
+
+TEST_F(ModelOnEvent, ARemovedUserIsGoneFromTheModelWhenKindSixIsHeard) {
+    subscribe([] { return user_names() + volume(0); });
+    auto c = user("alice", "", 0);
+    usbmgr_cmd_set_remove_storage_user_account(c);
+    EXPECT_EQ(seen, (Seen{{6, "bob:1 sda1:1:1"}}));
+}
+
+TEST_F(ModelOnEvent, AModifiedUserIsShownInTheModelWhenKindSevenIsHeard) {
+    subscribe(user_names);
+    auto c = user("bob", "builder", 0);
+    usbmgr_cmd_set_modify_storage_user_account(c);
+    EXPECT_EQ(seen, (Seen{{7, "alice:1 bob:0 "}}));
+}
+
+TEST_F(ModelOnEvent, ARenamedDiskIsShownInTheModelWhenKindEightIsHeard) {
+    subscribe([] { return std::string(model().PhysicalMedium[usb_physical_info[1].tr140_db_address].Name); });
+    auto c = request<CmdSetPhysicalMedium>(0, 1);
+    std::memset(c.Name, 0, sizeof c.Name);
+    usbmgr::copy_str(c.Name, "Holiday disk");
+    usbmgr_cmd_set_physical_medium(c);
+    EXPECT_EQ(seen, (Seen{{8, "Holiday disk"}}));
+}
+
+TEST_F(ModelOnEvent, AChangedVolumeIsShownInTheModelWhenKindNineIsHeard) {
+    subscribe([] { return volume(2); });
+    auto c = request<CmdSetLogicalVolume>(0, 2);
+    c.Enable = 0;
+    std::memset(c.Name, 0, sizeof c.Name);
+    usbmgr::copy_str(c.Name, "Backup");
+    usbmgr_cmd_set_logical_volume(c);
+    usbmgr_alarm_work();
+    EXPECT_EQ(seen, (Seen{{9, "Backup:0:0"}}));
+}
+
+TEST_F(ModelOnEvent, AddedAndRemovedUserAccessIsShownInTheModelWhenKindsElevenAndTwelveAreHeard) {
+    subscribe([] { return volume(1); });
+    auto a = request<CmdAddUserAccess>(0, 1);
+    std::memset(a.UserName, 0, sizeof a.UserName);
+    usbmgr::copy_str(a.UserName, "bob");
+    a.Permissions = 3;
+    usbmgr_cmd_set_storage_add_user_access(a);
+    auto r = request<CmdRemoveUserAccess>(0, 1);
+    r.number = 0;
+    usbmgr_cmd_set_storage_remove_user_access(r);
+    EXPECT_EQ(seen, (Seen{{11, "Films:1:2"}, {12, "Films:1:1"}}));
+}
+
+TEST_F(ModelOnEvent, TheServiceSwitchIsShownInTheModelBeforeTheSambaReload) {
+    std::vector<uint32_t> at_reload;
+    seams.runner.while_running = [&at_reload](const std::string& text) {
+        if (text.rfind("ps | grep smbd", 0) == 0) at_reload.push_back(model().Enable);
+    };
+    CmdSetStorageService c{0, 0};
+    usbmgr_cmd_set_storage_service(c);
+    usbmgr_alarm_work();
+    ASSERT_FALSE(at_reload.empty());
+    EXPECT_EQ(at_reload.front(), 0u);
+}
+
+// ---------------------------------------------------------------------------
+// Service number 1 passes the service check of commands 30, 31, 33 and 34
+// and changes the same sources as service 0 (only service 0 is filled).
+
+TEST_F(ModelWrite, RenamingADiskWithServiceNumberOneRenamesIt) {
+    auto c = request<CmdSetPhysicalMedium>(1, 0);
+    std::memset(c.Name, 0, sizeof c.Name);
+    usbmgr::copy_str(c.Name, "One");
+    usbmgr_cmd_set_physical_medium(c);
+    EXPECT_EQ(c.status, 0);
+    EXPECT_EQ(history()[1], "USBMGR.0.PNAME=One");
+    EXPECT_STREQ(model().PhysicalMedium[usb_physical_info[0].tr140_db_address].Name, "One");
+    EXPECT_EQ(fake::sent_kinds(), (Kinds{8}));
+}
+
+TEST_F(ModelWrite, SettingAVolumeWithServiceNumberOneSetsIt) {
+    auto c = request<CmdSetLogicalVolume>(1, 0);
+    c.Enable = 0;
+    std::memset(c.Name, 0, sizeof c.Name);
+    usbmgr::copy_str(c.Name, "One");
+    usbmgr_cmd_set_logical_volume(c);
+    EXPECT_EQ(c.status, 0);
+    EXPECT_EQ(history()[2], "USBMGR.0.NAME.0=One");
+    EXPECT_EQ(history()[3], "USBMGR.0.ENABLE.0=0");
+    EXPECT_EQ(testing_support::pending_kinds(), (Lines{"USBMGR_TR140_LOGICAL_VOLUME_CHANGE"}));
+}
+
+TEST_F(ModelWrite, UserAccessWithServiceNumberOneIsAddedAndRemoved) {
+    auto a = request<CmdAddUserAccess>(1, 1);
+    std::memset(a.UserName, 0, sizeof a.UserName);
+    usbmgr::copy_str(a.UserName, "bob");
+    a.Permissions = 3;
+    usbmgr_cmd_set_storage_add_user_access(a);
+    EXPECT_EQ(a.status, 0);
+    auto r = request<CmdRemoveUserAccess>(1, 1);
+    r.number = 0;
+    usbmgr_cmd_set_storage_remove_user_access(r);
+    EXPECT_EQ(r.status, 0);
+    Lines expected = kHistory;
+    expected[12] = "USBMGR.1.USER_ACCESS.0.USERREFERENCE.1=StorageService.0.UserAccess.1";
+    expected[13] = "USBMGR.1.USER_ACCESS.0.PERMISSIONS.1=3";
+    EXPECT_EQ(history(), expected);
+    EXPECT_EQ(fake::sent_kinds(), (Kinds{11, 12}));
 }

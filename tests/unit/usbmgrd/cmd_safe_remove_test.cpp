@@ -224,3 +224,51 @@ TEST_F(SafeRemove, ThroughTheCommandTableTheEntryLineComesFirstAndAnAllOnesPaylo
     EXPECT_EQ(fake::log_texts(), (Lines{"cmd - usbmgr_cmd_set_storage_safe_remove"}));
     EXPECT_TRUE(seams.runner.texts().empty());
 }
+
+TEST_F(SafeRemove, TheWorkerHoldsTheLockAndStopsServersUnmountsDeletesRowsRebuildsQueuesReloadsAndThenPublishes) {
+    // One timeline of what the worker does, each step seen as it happens.
+    std::vector<std::string> steps;
+    std::mutex steps_mutex;
+    bool lock_always_held = true;
+    seams.runner.while_running = [&](const std::string& text) {
+        std::lock_guard<std::mutex> guard(steps_mutex);
+        if (!usbmgr::daemon_lock_held_here()) lock_always_held = false;
+        std::string step = text;
+        if (text.rfind("df -m", 0) == 0 || text.rfind("umount", 0) == 0 || text == "/bin/smbd" ||
+            text.rfind("/sbin/minidlnad", 0) == 0) {
+            // What the tables and the ring hold while the command runs.
+            step += usb_physical_info[0].attach_device[0] == '\0' ? " [disk row gone" : " [disk row";
+            step += usb_volume_info[0].name[0] == '\0' && usb_volume_info[1].name[0] == '\0' ? ", volume rows gone" : ", volume rows";
+            step += testing_support::pending_kinds().empty() ? "]" : ", kind 14 queued]";
+            steps.push_back(step);
+        } else if (text.rfind("ps | grep ", 0) == 0 && steps.empty()) {
+            steps.push_back(text);
+        }
+    };
+    fake::bus().on_notify = [&](uint32_t id, const std::vector<uint8_t>&) {
+        std::lock_guard<std::mutex> guard(steps_mutex);
+        if (!usbmgr::daemon_lock_held_here()) lock_always_held = false;
+        steps.push_back("notify " + std::to_string(id) + " with " +
+                        std::to_string(usbmgr_tr140_db[0].PhysicalMediumNumberOfEntries) + " disk");
+    };
+    auto c = request(0, 0);
+    usbmgr_cmd_set_storage_safe_remove(c);
+    usbmgr_safe_remove_wait();
+    EXPECT_TRUE(lock_always_held);
+    EXPECT_EQ(steps, (Lines{
+                         // MiniDLNA's stop asks first, then Samba's.
+                         "ps | grep minidlnad | grep -v grep 2>&1",
+                         "umount /tmp/disk/sda1 [disk row, volume rows]",
+                         "umount /tmp/disk/sda2 [disk row, volume rows]",
+                         // The rebuild sees the rows gone.
+                         "df -m | grep sdb 2>&1 [disk row gone, volume rows gone]",
+                         "df -m | grep sdb1 2>&1 [disk row gone, volume rows gone]",
+                         // Samba's reload and then MiniDLNA's, with kind 14 queued.
+                         "/bin/smbd [disk row gone, volume rows gone, kind 14 queued]",
+                         "/sbin/minidlnad -f /var/minidlna.conf -R [disk row gone, volume rows gone, kind 14 queued]",
+                         "notify 0 with 1 disk",
+                     }));
+    const Lines texts = seams.runner.texts();
+    auto at = [&texts](const std::string& t) { return std::find(texts.begin(), texts.end(), t) - texts.begin(); };
+    EXPECT_LT(at("ps | grep smbd | grep -v grep 2>&1"), at("umount /tmp/disk/sda1"));
+}

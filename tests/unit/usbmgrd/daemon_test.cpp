@@ -21,8 +21,10 @@
 #include <vector>
 
 #include "db_util/db_util.h"
+#include "db_util/lock.h"
 #include "platform_fake.h"
 #include "test_support.h"
+#include "usbmgrd/usbmgr_tr140.h"
 #include "usbmgrd/usbmgrd.h"
 
 using testing_support::Seams;
@@ -617,4 +619,56 @@ TEST(Signals, SigintSentToTheWaitingParentChangesNothing) {
     bool parent_waited = false;
     for (const auto& e : run.log) parent_waited |= e.pid == run.parent_pid && e.text == "4 keep waiting";
     EXPECT_TRUE(parent_waited);
+}
+
+// ---------------------------------------------------------------------------
+// Start-up builds the model once; shutdown stops both servers before it
+// unmounts anything.
+
+TEST(Shutdown, BothServersAreStoppedBeforeAnyDiskIsUnmounted) {
+    Seams seams;
+    std::strcpy(MOUNT_DISK_PATH, "/tmp/disk");
+    write_file("/tmp/usbmgrd_develop", "");
+    ASSERT_EQ(mkdir("/tmp/disk", 0755), 0);
+    ASSERT_EQ(mkdir("/tmp/disk/sda1", 0755), 0);
+    const std::string check = "mount | grep \"/tmp/disk\" | awk -F \"[ ]\" '{print $3}' 2>&1";
+    int status = -1;
+    auto cmds = shutdown_commands(&status, [&](const std::string& t) {
+        return t == check ? std::string("/tmp/disk/sda1\n") : std::string();
+    });
+    EXPECT_EQ(status, 0);
+    const int unmount = index_of(cmds, "umount /tmp/disk/sda1");
+    ASSERT_GE(unmount, 0);
+    const int minidlna = index_of(cmds, "ps | grep minidlnad | grep -v grep 2>&1");
+    const int smbd = index_of(cmds, "ps | grep smbd | grep -v grep 2>&1");
+    ASSERT_GE(minidlna, 0);
+    ASSERT_GE(smbd, 0);
+    EXPECT_LT(minidlna, smbd);
+    EXPECT_LT(smbd, unmount);
+}
+
+TEST(Startup, ServiceStartUpBuildsTheModelBeforeItStartsTheServers) {
+    Seams seams;
+    usbmgr_tr140_db[0].Enable = 0;
+    testing_support::write_file(USBMGR_CONF_PATH, factory_text());
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    std::strcpy(MOUNT_DISK_PATH, "/tmp/disk");
+    std::strcpy(SAMBA_CONF.conf_dir, "/tmp/smb.conf");
+    std::strcpy(SAMBA_CONF.username_map_dir, "/tmp/smbusers");
+    std::strcpy(MINIDLNA_CONF.conf_dir, "/tmp/minidlna.conf");
+    MINIDLNA_CONF.enable = 0;
+    uint32_t enable_at_start = 99;
+    seams.runner.while_running = [&](const std::string& t) {
+        if (t == "/bin/smbd") enable_at_start = usbmgr_tr140_db[0].Enable;
+    };
+    fake::reset();
+    EXPECT_EQ(usbmgr_service_init(), 1);
+    EXPECT_EQ(enable_at_start, 1u);
+    EXPECT_EQ(usbmgr_tr140_db[0].NetworkServer.SMBEnable, 1u);
+    EXPECT_STREQ(usbmgr_tr140_db[0].Capabilities.SupportedNetworkProtocols, "SMB");
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "=========== PhysicalMedium ================"));
+    {
+        usbmgr::DaemonLock lock;
+        usbmgr_tr140_db_free();
+    }
 }

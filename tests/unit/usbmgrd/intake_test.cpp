@@ -442,3 +442,71 @@ TEST_F(DeviceRecordInput, UnterminatedTextFieldsStayWithinTheirFields) {
     EXPECT_TRUE(fake::logged("   USBVersion             = 999999"));
     EXPECT_EQ(read_lines(TR140_CONF_PATH).at(0), "USBMGR.0.SERIAL_NUMBER=" + std::string(63, 'S'));
 }
+
+// ---------------------------------------------------------------------------
+// The model and the servers around an arrival and a removal
+
+namespace {
+
+// The nodes and the mount folders the daemon would have made, so that the
+// model builder sees the disk; removals really delete the nodes.
+void give_nodes_to(testing_support::FakeRunner& runner, const Lines& names) {
+    for (const auto& n : names) testing_support::write_file("/var/dev/" + n, "");
+    runner.pass_through = [](const std::string& t) { return t.rfind("rm -f /var/dev/", 0) == 0; };
+}
+
+Lines server_and_unmount_commands(const Lines& texts) {
+    Lines out;
+    for (const auto& t : texts)
+        if (t.rfind("ps | grep ", 0) == 0 || t.rfind("umount ", 0) == 0) out.push_back(t);
+    return out;
+}
+
+}  // namespace
+
+TEST_F(StorageArrival, TheModelShowsTheNewDiskAndItsVolumesWhenTheHandlerReturns) {
+    use_mount_table();
+    give_nodes_to(seams.runner, {"sda", "sda1", "sda2"});
+    arrive(make_record("sda,sda1,sda2"));
+    const tr140_storage_service& s = usbmgr_tr140_db[0];
+    ASSERT_EQ(s.PhysicalMediumNumberOfEntries, 1u);
+    EXPECT_STREQ(s.PhysicalMedium[0].Name, "sda");
+    EXPECT_STREQ(s.PhysicalMedium[0].SerialNumber, "4C530001230517115223");
+    ASSERT_EQ(s.LogicalVolumeNumberOfEntries, 2u);
+    // In the order of /var/dev's listing.
+    std::vector<std::string> volumes = {s.LogicalVolume[0].Name, s.LogicalVolume[1].Name};
+    std::sort(volumes.begin(), volumes.end());
+    EXPECT_EQ(volumes, (Lines{"sda1", "sda2"}));
+    // Built after the history record and the mounts, before the alarm.
+    const Lines log = fake::log_texts();
+    const auto built = std::find(log.begin(), log.end(), "=========== PhysicalMedium ================");
+    const auto mounted = std::find(log.begin(), log.end(), "mount /var/dev/sda2 auto /tmp/disk/sda2 success");
+    ASSERT_NE(built, log.end());
+    ASSERT_NE(mounted, log.end());
+    EXPECT_LT(mounted, built);
+    // The ring logs under the configuration store's name.
+    EXPECT_TRUE(fake::logged(4, "db_util.c", "1-0 : EVT BUFFER - USBMGR_TR140_ADD_STORAGE"));
+}
+
+TEST_F(StorageRemoval, BothServersAreStoppedBeforeTheUnmountAndTheModelNoLongerShowsTheDisk) {
+    use_mount_table();
+    give_nodes_to(seams.runner, {"sda", "sda1", "sdb", "sdb1"});
+    arrive(make_record("sda,sda1"));
+    arrive(make_record("sdb,sdb1", "SER-B"));
+    usbmgr_alarm_work();
+    ASSERT_EQ(usbmgr_tr140_db[0].PhysicalMediumNumberOfEntries, 2u);
+    seams.runner.clear();
+    fake::reset();
+
+    leave(make_record("sda,sda1"));
+
+    EXPECT_EQ(server_and_unmount_commands(seams.runner.texts()),
+              (Lines{"ps | grep minidlnad | grep -v grep 2>&1", "ps | grep smbd | grep -v grep 2>&1",
+                     "ps | grep nmbd | grep -v grep 2>&1", "umount /tmp/disk/sda1"}));
+    const tr140_storage_service& s = usbmgr_tr140_db[0];
+    ASSERT_EQ(s.PhysicalMediumNumberOfEntries, 1u);
+    EXPECT_STREQ(s.PhysicalMedium[0].Name, "sdb");
+    ASSERT_EQ(s.LogicalVolumeNumberOfEntries, 1u);
+    EXPECT_STREQ(s.LogicalVolume[0].Name, "sdb1");
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "EVENT - DUSB_EVT_REMOVE_STORAGE_INTERFACE"));
+}

@@ -428,3 +428,79 @@ TEST_F(StorageModel, EveryLineOfTheTreeIsLoggedAtDebugUnderTheDaemonsSourceName)
         EXPECT_EQ(l.module, "usbmgrd.c") << l.text;
     }
 }
+
+TEST_F(StorageModel, EachVolumeReferencesTheTableIndexOfItsOwnDisk) {
+    FakeDisk a;
+    a.volumes = {"sda1", "sda2"};
+    world.plug(a);
+    FakeDisk b;
+    b.disk = "sdb";
+    b.volumes = {"sdb1"};
+    b.serial = "SER-2";
+    const int b_slot = world.plug(b);
+    FakeDisk c;
+    c.disk = "sdc";
+    c.volumes = {"sdc1", "sdc2"};
+    c.serial = "SER-3";
+    const int c_slot = world.plug(c);
+    // The reference is the row's index, not its slot or its model position.
+    usb_physical_info[c_slot].index = 7;
+    StorageWorld::build();
+    const tr140_storage_service& s = service0();
+    ASSERT_EQ(s.LogicalVolumeNumberOfEntries, 5u);
+    const std::pair<const char*, const char*> expected[] = {
+        {"sda1", "StorageService.0.PhysicalMedium.{0}."}, {"sda2", "StorageService.0.PhysicalMedium.{0}."},
+        {"sdb1", "StorageService.0.PhysicalMedium.{1}."}, {"sdc1", "StorageService.0.PhysicalMedium.{7}."},
+        {"sdc2", "StorageService.0.PhysicalMedium.{7}."}};
+    EXPECT_EQ(b_slot, 1);
+    for (const auto& [volume, reference] : expected) {
+        const int slot = db_util_get_usb_volume_info_index_by_device(volume);
+        ASSERT_GE(slot, 0) << volume;
+        EXPECT_STREQ(s.LogicalVolume[usb_volume_info[slot].tr140_db_address].PhysicalReference, reference) << volume;
+    }
+}
+
+TEST_F(StorageModel, ARebuildReleasesEveryListOfThePreviousBuildBeforeItAllocates) {
+    FakeDisk a;
+    a.volumes = {"sda1", "sda2"};
+    world.plug(a);
+    FakeDisk b;
+    b.disk = "sdb";
+    b.volumes = {"sdb1"};
+    b.serial = "SER-2";
+    world.plug(b);
+    world.folder("sda1", "Music");
+    StorageWorld::settings(kOneUser);
+    StorageWorld::history({"USBMGR.0.SERIAL_NUMBER=SER-1", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1",
+                           "USBMGR.0.USER_ACCESS.0.USERREFERENCE.0=StorageService.0.UserAccess.0",
+                           "USBMGR.0.USER_ACCESS.0.PERMISSIONS.0=1", "USBMGR.0.NAME.1=", "USBMGR.0.ENABLE.1=1",
+                           "USBMGR.1.SERIAL_NUMBER=SER-2", "USBMGR.1.PNAME=", "USBMGR.1.NAME.0=", "USBMGR.1.ENABLE.0=1",
+                           "USBMGR.1.USER_ACCESS.0.USERREFERENCE.3=StorageService.0.UserAccess.0",
+                           "USBMGR.1.USER_ACCESS.0.PERMISSIONS.3=2"});
+    StorageWorld::build();
+    const tr140_storage_service& s = service0();
+    ASSERT_EQ(s.LogicalVolumeNumberOfEntries, 3u);
+    // Every list of the first build, in the order the free step names them.
+    Lines expected;
+    for (uint32_t i = 0; i < s.LogicalVolumeNumberOfEntries; ++i) {
+        const tr140_logical_volume& lv = s.LogicalVolume[i];
+        ASSERT_TRUE(lv.Folder);
+        if (lv.Folder[0].UserAccess)
+            expected.push_back("free logicalvolume_folder_useraccess = " + ptr(lv.Folder[0].UserAccess.get()));
+        expected.push_back("free logicalvolume_folder = " + ptr(lv.Folder.get()));
+    }
+    expected.push_back("free logicalvolume = " + ptr(s.LogicalVolume.get()));
+    expected.push_back("free physicalmedium = " + ptr(s.PhysicalMedium.get()));
+    expected.push_back("free useraccount = " + ptr(s.UserAccount.get()));
+    ASSERT_EQ(expected.size(), 8u);  // two user-access lists, three folder lists
+    fake::reset();
+    StorageWorld::build();
+    const std::vector<fake::LogLine> lines = fake::log_lines();
+    ASSERT_GE(lines.size(), expected.size());
+    for (std::size_t i = 0; i < expected.size(); ++i) {
+        EXPECT_EQ(lines[i].text, expected[i]) << i;
+        EXPECT_EQ(lines[i].level, 4) << i;
+        EXPECT_EQ(lines[i].module, "usbmgrd.c") << i;
+    }
+    EXPECT_EQ(lines[expected.size()].text.rfind("allocate physicalmedium = ", 0), 0u);
+}
