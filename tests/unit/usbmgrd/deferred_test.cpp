@@ -11,7 +11,9 @@
 
 #include <gtest/gtest.h>
 
+#include "db_util/db_util.h"
 #include "db_util/lock.h"
+#include "db_util/str.h"
 #include "fixture.h"
 #include "platform_fake.h"
 #include "usbmgrd/usbmgrd.h"
@@ -152,4 +154,38 @@ TEST_F(DeferredReload, AlarmSignalWakesTheDeferredWorkerThatFlushes) {
     usbmgr::DaemonLock lock;
     int32_t kind;
     EXPECT_EQ(dp_util_evt_buf_read(&kind), -1);
+}
+
+TEST_F(DeferredReload, TheAlarmReloadsSambaThenMiniDlnaAsTargetedAndOnlyThenPublishes) {
+    testing_support::write_file(USBMGR_CONF_PATH, testing_support::factory_settings());
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    usbmgr::copy_str(SAMBA_CONF.conf_dir, "/tmp/smb.conf");
+    usbmgr::copy_str(SAMBA_CONF.username_map_dir, "/tmp/smbusers");
+    usbmgr::copy_str(MINIDLNA_CONF.conf_dir, "/tmp/minidlna.conf");
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk");
+    // The server starts, and the notifications after them.
+    Lines steps;
+    seams.runner.while_running = [&steps](const std::string& t) {
+        if (t == "/bin/smbd" || t == "/bin/nmbd" || t.rfind("/sbin/minidlnad", 0) == 0) steps.push_back(t);
+    };
+    fake::bus().on_notify = [&steps](uint32_t id, const std::vector<uint8_t>&) {
+        steps.push_back("notify " + std::to_string(id));
+    };
+    const std::pair<int32_t, Lines> cases[] = {
+        {1, {"/sbin/minidlnad -f /tmp/minidlna.conf -R", "notify 0"}},
+        {2, {"/bin/smbd", "/bin/nmbd", "notify 0"}},
+        {3, {"/bin/smbd", "/bin/nmbd", "/sbin/minidlnad -f /tmp/minidlna.conf -R", "notify 0"}},
+    };
+    for (const auto& [target, expected] : cases) {
+        steps.clear();
+        {
+            usbmgr::DaemonLock lock;
+            dp_util_evt_buf_write(USBMGR_TR140_ADD_STORAGE);
+        }
+        usbmgr_reload_target = target;
+        usbmgr_alarm_work();
+        EXPECT_EQ(steps, expected) << target;
+    }
+    EXPECT_TRUE(testing_support::file_exists("/tmp/smb.conf"));
+    EXPECT_TRUE(testing_support::file_exists("/tmp/minidlna.conf"));
 }
