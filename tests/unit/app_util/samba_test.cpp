@@ -447,3 +447,59 @@ TEST_F(ReloadSamba, StoppedServersAreStartedWithoutAStop) {
     EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck, "/bin/smbd", "/bin/nmbd"}));
     EXPECT_TRUE(seams.clock.sleeps().empty());
 }
+
+TEST_F(SambaConfFile, EverySettingOfTheSettingsFileReplacesItsRowsDefaultInTheWrittenFile) {
+    // Every overridden row's setting differs from the row's default, so a
+    // file written from the defaults cannot pass.
+    std::string settings = testing_support::factory_settings();
+    const std::pair<const char*, const char*> values[] = {
+        {"USBMGR.SAMBA.LOG_FILE=", "/var/log/smb.%m"},
+        {"USBMGR.SAMBA.MAX_LOG_SIZE=", "64"},
+        {"USBMGR.SAMBA.LOG_LEVEL=", "3"},
+        {"USBMGR.SAMBA.LOAD_PRINTERS=", "yes"},
+        {"USBMGR.SAMBA.PRINTCAP_NAME=", "/etc/printcap"},
+        {"USBMGR.SAMBA.PRINTING=", "cups"},
+        {"USBMGR.SAMBA.SECURITY=", "share"},
+        {"USBMGR.SAMBA.WORKGROUP=", "HOME"},
+        {"USBMGR.SAMBA.DISABLE_NETBIOS=", "yes"},
+        {"USBMGR.SAMBA.NETBIOS_NAME=", "GATEWAY"},
+        {"USBMGR.SAMBA.SERVER_STRING=", "Home storage"},
+        {"USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS=", "no"},
+        {"USBMGR.SAMBA.GUEST_ACCOUNT=", "nobody"},
+        {"USBMGR.SAMBA.USERNAME_MAP_DIR=", "/var/samba/users.map"},
+    };
+    for (const auto& [key, value] : values) {
+        const std::size_t at = settings.find(std::string("\n") + key);
+        ASSERT_NE(at, std::string::npos) << key;
+        const std::size_t end = settings.find('\n', at + 1);
+        settings.replace(at + 1, end - at - 1, std::string(key) + value);
+    }
+    std::memset(&SAMBA_CONF, 0, sizeof SAMBA_CONF);
+    write_file(USBMGR_CONF_PATH, settings);
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    usbmgr::copy_str(SAMBA_CONF.conf_dir, kConf);
+    mkdir("/tmp/disk", 0775);
+    app_util_write_samba_conf();
+    EXPECT_EQ(read_lines(kConf), (std::vector<std::string>{
+                                     "[global]",
+                                     "   log file = /var/log/smb.%m",
+                                     "   max log size = 64",
+                                     "   log level = 3",
+                                     "   password level = 1",
+                                     "   load printers = yes",
+                                     "   printcap name = /etc/printcap",
+                                     "   printing = cups",
+                                     "   security = share",
+                                     "   encrypt passwords = yes",
+                                     "   display charset = utf8",
+                                     "   unix charset = utf8",
+                                     "   workgroup = HOME",
+                                     "   disable netbios = yes",
+                                     "   netbios name = GATEWAY",
+                                     "   name resolve order = bcast host",
+                                     "   server string = Home storage",
+                                     "   usershare allow guests = no",
+                                     "   guest account = nobody",
+                                     "   username map = /var/samba/users.map",
+                                 }));
+}

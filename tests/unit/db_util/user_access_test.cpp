@@ -98,6 +98,29 @@ TEST_F(UserAccess, AllTwentySixEntriesUsedLeaveNoFreeEntry) {
     EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda1"), -1);
 }
 
+TEST_F(UserAccess, EntryTwentyFiveTheLastIsReadCountedOfferedAndRemoved) {
+    Lines lines = {"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=", "USBMGR.0.ENABLE.0=1"};
+    for (int e = 0; e < 25; ++e) {
+        lines.push_back(ref_line(0, 0, e, 1));
+        lines.push_back(perm_line(0, 0, e, "1"));
+    }
+    write_history(lines);
+    // Entries 0 to 24 taken: the last one is free.
+    EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda1"), 25);
+    write_accounts({{4, "dora"}});
+    EXPECT_EQ(dp_util_get_tr140_add_useraccess(0, "sda1", 25, "dora", 6), 0);
+    EXPECT_EQ(db_util_get_number_of_user_access(0, "sda1"), 26);
+    UserAccessInfo info{};
+    EXPECT_EQ(db_util_get_user_access_info_by_index(25, 0, "sda1", &info), 0);
+    EXPECT_STREQ(info.user_reference, "StorageService.0.UserAccess.4");
+    EXPECT_EQ(info.permissions, 6);
+    EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda1"), -1);
+    EXPECT_EQ(dp_util_get_tr140_remove_useraccess(0, "sda1", 25), 0);
+    EXPECT_EQ(db_util_get_user_access_info_by_index(25, 0, "sda1", &info), -1);
+    EXPECT_EQ(dp_util_get_tr140_useraccess_free_item(0, "sda1"), 25);
+    EXPECT_EQ(testing_support::read_lines(TR140_CONF_PATH), lines);
+}
+
 TEST_F(UserAccess, ReadingAnEntryFillsReferenceAndPermissionsAndLeavesTheLeadingField) {
     write_history(record_with_entries_zero_and_two());
     UserAccessInfo info{};

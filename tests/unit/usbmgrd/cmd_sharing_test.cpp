@@ -793,3 +793,100 @@ TEST_F(SharingCommands, ControlCharactersInEveryValueByteNeverAddALine) {
     EXPECT_EQ(read_lines(USBMGR_CONF_PATH).size(), 38u);
     expect_settings_parseable();
 }
+
+// ---------------------------------------------------------------------------
+// Commands 5 and 6 with several values of every setting: each value reaches
+// its field and its line of the settings file, and replaces the one before.
+
+namespace {
+
+struct SettingValues {
+    const char* name;
+    char* field;
+    const char* key;
+    std::vector<std::string> values;
+};
+
+}  // namespace
+
+TEST_F(SharingCommands, EveryMiniDlnaSettingTakesEachOfSeveralValuesInTurn) {
+    const SettingValues settings[] = {
+        {"media_dir", MINIDLNA_CONF.media_dir, "USBMGR.MINIDLNA.MEDIA_DIR", {"/tmp/disk/sda1", "/tmp/disk"}},
+        {"db_dir", MINIDLNA_CONF.db_dir, "USBMGR.MINIDLNA.DB_DIR", {"/var/minidlna", "/var/cache/minidlna"}},
+        {"log_dir", MINIDLNA_CONF.log_dir, "USBMGR.MINIDLNA.LOG_DIR", {"/var/minidlna", "/var/log"}},
+        {"log_level", MINIDLNA_CONF.log_level, "USBMGR.MINIDLNA.LOG_LEVEL", {"warn", "error", "off"}},
+        {"root_container", MINIDLNA_CONF.root_container, "USBMGR.MINIDLNA.ROOT_CONTAINER", {"B", "M", "."}},
+        {"port", MINIDLNA_CONF.port, "USBMGR.MINIDLNA.PORT", {"8201", "9000", "8200"}},
+        {"friendly_name", MINIDLNA_CONF.friendly_name, "USBMGR.MINIDLNA.FRIENDLY_NAME", {"Gateway", "Home media"}},
+        {"serial", MINIDLNA_CONF.serial, "USBMGR.MINIDLNA.SERIAL", {"12345678", "87654321"}},
+        {"model_name", MINIDLNA_CONF.model_name, "USBMGR.MINIDLNA.MODEL_NAME", {"Gateway", "MiniDLNA"}},
+        {"model_number", MINIDLNA_CONF.model_number, "USBMGR.MINIDLNA.MODEL_NUMBER", {"1", "42"}},
+        {"inotify", MINIDLNA_CONF.inotify, "USBMGR.MINIDLNA.INOTIFY", {"no", "yes"}},
+        {"notify_interval", MINIDLNA_CONF.notify_interval, "USBMGR.MINIDLNA.NOTIFY_INTERVAL", {"60", "895", "300"}},
+    };
+    for (const auto& s : settings) {
+        for (const auto& value : s.values) {
+            auto c = set_request(s.name, value.c_str());
+            usbmgr_cmd_set_minidlna_conf(c);
+            EXPECT_EQ(std::string(s.field), value) << s.name;
+            EXPECT_EQ(lines_of(s.key), Lines{std::string(s.key) + "=" + value}) << s.name;
+        }
+    }
+    EXPECT_EQ(usbmgr_reload_target, 1);
+    EXPECT_TRUE(pending_kinds().empty());
+}
+
+TEST_F(SharingCommands, EverySambaSettingTakesEachOfSeveralValuesInTurn) {
+    const SettingValues settings[] = {
+        {"log_file", SAMBA_CONF.log_file, "USBMGR.SAMBA.LOG_FILE", {"/var/log/smb.%m", "/var/samba/log.%m"}},
+        {"max_log_size", SAMBA_CONF.max_log_size, "USBMGR.SAMBA.MAX_LOG_SIZE", {"64", "1000", "500"}},
+        {"log_level", SAMBA_CONF.log_level, "USBMGR.SAMBA.LOG_LEVEL", {"3", "0", "1"}},
+        {"load_printers", SAMBA_CONF.load_printers, "USBMGR.SAMBA.LOAD_PRINTERS", {"yes", "no"}},
+        {"printcap_name", SAMBA_CONF.printcap_name, "USBMGR.SAMBA.PRINTCAP_NAME", {"/etc/printcap", "/dev/null"}},
+        {"printing", SAMBA_CONF.printing, "USBMGR.SAMBA.PRINTING", {"cups", "bsd"}},
+        {"security", SAMBA_CONF.security, "USBMGR.SAMBA.SECURITY", {"share", "user"}},
+        {"workgroup", SAMBA_CONF.workgroup, "USBMGR.SAMBA.WORKGROUP", {"HOME", "OFFICE", "WORKGROUP"}},
+        {"disable_netbios", SAMBA_CONF.disable_netbios, "USBMGR.SAMBA.DISABLE_NETBIOS", {"yes", "no"}},
+        {"netbios_name", SAMBA_CONF.netbios_name, "USBMGR.SAMBA.NETBIOS_NAME", {"GATEWAY", "NAS1"}},
+        {"server_string", SAMBA_CONF.server_string, "USBMGR.SAMBA.SERVER_STRING", {"Home storage", "%h server"}},
+        {"allow_guests", SAMBA_CONF.usershare_allow_guests, "USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS", {"no", "yes"}},
+        {"guest_account", SAMBA_CONF.guest_account, "USBMGR.SAMBA.GUEST_ACCOUNT", {"nobody", "guest"}},
+        {"interfaces", SAMBA_CONF.interfaces, "USBMGR.SAMBA.INTERFACES", {"eth0", "br0"}},
+        {"bind_interfaces_only", SAMBA_CONF.bind_interfaces_only, "USBMGR.SAMBA.BIND_INTERFACES_ONLY", {"yes", "no"}},
+    };
+    for (const auto& s : settings) {
+        for (const auto& value : s.values) {
+            auto c = set_request(s.name, value.c_str());
+            usbmgr_cmd_set_samba_conf(c);
+            EXPECT_EQ(std::string(s.field), value) << s.name;
+            EXPECT_EQ(lines_of(s.key), Lines{std::string(s.key) + "=" + value}) << s.name;
+        }
+    }
+    EXPECT_EQ(usbmgr_reload_target, 2);
+}
+
+TEST_F(SharingCommands, TheEnablesTakeSeveralValuesAndOnlyAChangeStartsOrStopsTheirServer) {
+    // Each value with the server starts (+) and stops (-) it caused.
+    // 7 and then 1 is a change too: any other number starts the server again.
+    const std::pair<const char*, const char*> steps[] = {{"0", "-"}, {"0", ""}, {"7", "+"}, {"1", "+"}, {"00", "-"}};
+    for (const bool samba : {false, true}) {
+        std::string seen;
+        for (const auto& [value, effect] : steps) {
+            seams.runner.clear();
+            auto c = set_request("enable", value);
+            if (samba)
+                usbmgr_cmd_set_samba_conf(c);
+            else
+                usbmgr_cmd_set_minidlna_conf(c);
+            const Lines t = seams.runner.texts();
+            const bool started = std::find(t.begin(), t.end(), samba ? "/bin/smbd" : kMiniServer) != t.end();
+            const bool stopped = std::find(t.begin(), t.end(), samba ? kSmbdCheck : kMiniCheck) != t.end() && !started;
+            seen += std::string(value) + ":" + (started ? "+" : "") + (stopped ? "-" : "") + " ";
+            const char* key = samba ? "USBMGR.SAMBA.ENABLE" : "USBMGR.MINIDLNA.ENABLE";
+            EXPECT_EQ(lines_of(key), Lines{std::string(key) + "=" + std::to_string(std::atoi(value))}) << value;
+        }
+        std::string expected;
+        for (const auto& [value, effect] : steps) expected += std::string(value) + ":" + effect + " ";
+        EXPECT_EQ(seen, expected) << (samba ? "Samba" : "MiniDLNA");
+    }
+}
