@@ -200,7 +200,7 @@ TEST(CommandRunner, StartedCommandIsLoggedAndCountsAsSuccess) {
     Seams seams;
     EXPECT_EQ(db_util_exe_command(usbmgr::CommandLine::exec({"mv", "/tmp/a", "/tmp/b"})), 0);
     EXPECT_EQ(seams.runner.texts(), std::vector<std::string>{"mv /tmp/a /tmp/b"});
-    EXPECT_TRUE(fake::logged("run command : mv /tmp/a /tmp/b"));
+    EXPECT_TRUE(fake::logged(4, "db_util.c", "run command : mv /tmp/a /tmp/b"));
 }
 
 TEST(CommandRunner, CommandThatCannotStartReturnsOneAndLogsNothing) {
@@ -243,5 +243,5 @@ TEST(ConfigurationHandOff, CfgSaveRunsOrbcmUtilAndLogsIt) {
     Seams seams;
     usbmgr_cfg_save();
     EXPECT_EQ(seams.runner.texts(), std::vector<std::string>{"orbcm_util cfg save"});
-    EXPECT_TRUE(fake::logged("run command : orbcm_util cfg save"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "run command : orbcm_util cfg save"));
 }

@@ -89,7 +89,7 @@ TEST(RunAndLog, FakeRunnerReportsTheStartOfAPassedThroughCommandBeforeItEnds) {
         close(fd);
     };
     EXPECT_EQ(db_util_exe_command(usbmgr::CommandLine::exec({"cat", "/tmp/runner_fifo"})), 0);
-    EXPECT_TRUE(fake::logged("run command : cat /tmp/runner_fifo"));
+    EXPECT_TRUE(fake::logged(4, "db_util.c", "run command : cat /tmp/runner_fifo"));
 }
 
 TEST(RunAndLog, SystemRunnerReportsTheStartBeforeTheCommandEnds) {

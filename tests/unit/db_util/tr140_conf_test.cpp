@@ -66,7 +66,7 @@ TEST(HistoryRecord, FirstDiskEverWritesSixLinesAndHandsOff) {
     EXPECT_EQ(history(), (Lines{"USBMGR.0.SERIAL_NUMBER=S", "USBMGR.0.PNAME=", "USBMGR.0.NAME.0=",
                                 "USBMGR.0.ENABLE.0=1", "USBMGR.0.NAME.1=", "USBMGR.0.ENABLE.1=1"}));
     EXPECT_EQ(seams.runner.texts(), (Lines{kCfgSave}));
-    EXPECT_TRUE(fake::logged("run command : orbcm_util cfg save"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "run command : orbcm_util cfg save"));
 }
 
 TEST(HistoryRecord, SameDiskWithSameVolumeCountChangesNothingAndDoesNotHandOff) {
@@ -215,7 +215,7 @@ TEST(HistoryRecord, HistoryThatCannotBeAppendedToLogsAndStillHandsOff) {
     set_history(5);
     ASSERT_EQ(mkdir(TR140_CONF_PATH, 0755), 0);
     db_util_tr140_conf_record_new_sn("S", 1);
-    EXPECT_TRUE(fake::logged("Creat /var/config/tr140.conf Fail ..."));
+    EXPECT_TRUE(fake::logged(4, "db_util.c", "Creat /var/config/tr140.conf Fail ..."));
     EXPECT_EQ(count(seams.runner.texts(), kCfgSave), 1);
 }
 

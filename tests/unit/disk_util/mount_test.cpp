@@ -220,7 +220,7 @@ TEST(Mounting, PartitionThatNothingMountsStillReportsNtfsSuccessAndLeavesAnEmpty
     auto calls = seams.runner.calls();
     EXPECT_FALSE(calls[5].capture);
     EXPECT_FALSE(calls[7].capture);
-    EXPECT_TRUE(fake::logged("mount /var/dev/sda1 NTFS /tmp/disk/sda1 success"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda1 NTFS /tmp/disk/sda1 success"));
     EXPECT_FALSE(fake::logged("mount /var/dev/sda1 fail"));
     // Neither system() run is announced.
     EXPECT_FALSE(fake::logged("run command : mount -v -t auto /var/dev/sda1 /tmp/disk/sda1"));
@@ -239,8 +239,8 @@ TEST(Mounting, FolderAlreadyMountedIsLeftAsItIs) {
     mkdir("/tmp/disk/sda1", 0775);
     char list[] = "sda,sda1";
     disk_util_mount_storage(list);
-    EXPECT_TRUE(fake::logged("folder /tmp/disk/sda1 exist"));
-    EXPECT_TRUE(fake::logged("/tmp/disk/sda1 already exist"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "folder /tmp/disk/sda1 exist"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "/tmp/disk/sda1 already exist"));
     auto texts = seams.runner.texts();
     EXPECT_EQ(std::count_if(texts.begin(), texts.end(),
                             [](const std::string& t) { return t.rfind("mount -v", 0) == 0; }),
@@ -252,7 +252,7 @@ TEST(Mounting, MountRootThatCannotBeCreatedStopsTheMount) {
     usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/missing/disk");
     char list[] = "sda,sda1";
     disk_util_mount_storage(list);
-    EXPECT_TRUE(fake::logged("create folder /tmp/missing/disk fail .. 2"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "create folder /tmp/missing/disk fail .. 2"));
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
@@ -270,7 +270,7 @@ TEST(Mounting, DiskCountsAsExistingWhenOnlyItsFirstPartitionIsListed) {
     std::vector<std::string> expected = {"ls /var/dev | grep sda 2>&1", "ls /var/dev | grep sda1 2>&1",
                                          "ls /var/dev | grep sdb 2>&1", "ls /var/dev | grep sda 2>&1"};
     EXPECT_EQ(seams.runner.texts(), expected);
-    EXPECT_TRUE(fake::logged("the device node sda exist already"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "the device node sda exist already"));
 }
 
 TEST(Mounting, NodeSda1IsMadeWhenOnlySda10IsListed) {
@@ -291,8 +291,8 @@ TEST(Mounting, PluggingSda10BeforeSda1MountsBoth) {
     char list[] = "sda,sda10,sda1";
     disk_util_mount_storage(list);
     EXPECT_EQ(table.mounted, (std::set<std::string>{"/tmp/disk/sda1", "/tmp/disk/sda10"}));
-    EXPECT_TRUE(fake::logged("mount /var/dev/sda10 auto /tmp/disk/sda10 success"));
-    EXPECT_TRUE(fake::logged("mount /var/dev/sda1 auto /tmp/disk/sda1 success"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda10 auto /tmp/disk/sda10 success"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda1 auto /tmp/disk/sda1 success"));
     EXPECT_FALSE(fake::logged("/tmp/disk/sda1 already exist"));
     EXPECT_TRUE(ran(seams, "mknod /var/dev/sda10 b 8 10"));
 }
@@ -329,7 +329,7 @@ TEST(Mounting, UnmountingSda1WhileSda10StaysMountedEndsAfterOneTry) {
     disk_util_umount_storage(unplug);
 
     EXPECT_TRUE(seams.clock.sleeps().empty());
-    EXPECT_TRUE(fake::logged("try to umount /tmp/disk/sda1 , count = 1"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "try to umount /tmp/disk/sda1 , count = 1"));
     EXPECT_FALSE(fake::logged("try to umount /tmp/disk/sda1 , count = 2"));
     EXPECT_EQ(table.mounted, std::set<std::string>{"/tmp/disk/sda10"});
     std::vector<std::string> expected = {"rm -f /var/dev/sda", "umount /tmp/disk/sda1",
@@ -344,7 +344,7 @@ TEST(Mounting, PartitionNumberBeyondAnIntIsRefusedAndGetsNoNode) {
     disk_util_mount_storage(list);
     std::vector<std::string> expected = {"ls /var/dev | grep sdz 2>&1", "mknod /var/dev/sdz b 8 400"};
     EXPECT_EQ(seams.runner.texts(), expected);
-    EXPECT_TRUE(fake::logged("refusing device name 'sdz2147483647'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sdz2147483647'"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sdz2147483647"));
 
     seams.runner.clear();
@@ -368,7 +368,7 @@ TEST(Mounting, NamesWhoseMinorWouldBeNegativeOrOverflowGetNoNode) {
     char list[] = "sdA,sdA1";
     disk_util_mount_storage(list);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing device name 'sdA1'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sdA1'"));
 }
 
 TEST(Mounting, UnmountingABusyFolderRetriesEveryThreeSecondsUntilItIsFree) {
@@ -419,7 +419,7 @@ TEST(Mounting, UnmountingAFolderThatIsGoneReportsItsRemovalFailure) {
     use_mount_root();
     char list[] = "sda,sda1";
     disk_util_umount_storage(list);
-    EXPECT_TRUE(fake::logged("remove folder /tmp/disk/sda1 fail"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "remove folder /tmp/disk/sda1 fail"));
     EXPECT_TRUE(seams.clock.sleeps().empty());
 }
 
@@ -433,9 +433,9 @@ TEST(Mounting, RefusedDeviceNamesRunNothingAndLogTheRefusal) {
     char empty[] = "";
     disk_util_mount_storage(empty);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing device name 'sda;rm'"));
-    EXPECT_TRUE(fake::logged("refusing device name '../x'"));
-    EXPECT_TRUE(fake::logged("refusing device name ''"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sda;rm'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name '../x'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name ''"));
     for (const auto& line : fake::bus().log) {
         if (line.text.rfind("refusing", 0) == 0) {
             EXPECT_EQ(line.level, 1);
@@ -453,7 +453,7 @@ TEST(Mounting, DeviceListWithShellSyntaxIsRefusedWhole) {
     char list[] = "sda,sda1;touch /tmp/pwned";
     disk_util_mount_storage(list);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing device name 'sda1;touch /tmp/pwned'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sda1;touch /tmp/pwned'"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/pwned"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk"));
 }
@@ -462,7 +462,7 @@ TEST(Mounting, RefusedNamesAreShownWithControlCharactersReplaced) {
     Seams seams;
     char list[] = "sda,sd\x1b[2Jx";
     disk_util_umount_storage(list);
-    EXPECT_TRUE(fake::logged("refusing device name 'sd_[2Jx'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sd_[2Jx'"));
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
@@ -472,7 +472,7 @@ TEST(Mounting, MountRootThatIsNotAPlainWordIsNeverPutInAShellLine) {
     EXPECT_EQ(disk_util_umount_fs("/tmp/disk;x/sda1"), -1);
     EXPECT_EQ(remove_all_mount_disk(), -1);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing command line 'mount | grep /tmp/disk;x/sda1 2>&1'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing command line 'mount | grep /tmp/disk;x/sda1 2>&1'"));
 }
 
 TEST(SerialNodes, AdapterGetsACharacterNodeWithItsNumberAsMinor) {
@@ -480,14 +480,14 @@ TEST(SerialNodes, AdapterGetsACharacterNodeWithItsNumberAsMinor) {
     EXPECT_EQ(disk_util_create_usb_serial_dev_node("ttyUSB1"), 0);
     std::vector<std::string> expected = {"ls /var/dev | grep ttyUSB1 2>&1", "mknod /var/dev/ttyUSB1 c 188 1"};
     EXPECT_EQ(seams.runner.texts(), expected);
-    EXPECT_TRUE(fake::logged("run command : mknod /var/dev/ttyUSB1 c 188 1"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "run command : mknod /var/dev/ttyUSB1 c 188 1"));
 }
 
 TEST(SerialNodes, AdapterNumberBeyondTheLargestMinorIsRefusedAndGetsNoNode) {
     Seams seams;
     EXPECT_EQ(disk_util_create_usb_serial_dev_node("ttyUSB99999999999999999999"), -1);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyUSB99999999999999999999'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'ttyUSB99999999999999999999'"));
     EXPECT_EQ(disk_util_create_usb_serial_dev_node("ttyUSB1048575"), 0);
     EXPECT_TRUE(ran(seams, "mknod /var/dev/ttyUSB1048575 c 188 1048575"));
 }
@@ -498,7 +498,7 @@ TEST(SerialNodes, ExistingAdapterNodeIsReportedAsFailure) {
         return t == "ls /var/dev | grep ttyUSB0 2>&1" ? std::string("ttyUSB0\n") : std::string();
     };
     EXPECT_EQ(disk_util_create_usb_serial_dev_node("ttyUSB0"), -1);
-    EXPECT_TRUE(fake::logged("the device node ttyUSB0 exist already"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "the device node ttyUSB0 exist already"));
     EXPECT_EQ(seams.runner.texts().size(), 1u);
 }
 
@@ -516,8 +516,8 @@ TEST(SerialNodes, RemovalRefusesANameThatIsNotAnAdapter) {
     EXPECT_EQ(disk_util_remove_usb_serial_dev_node("sda"), -1);
     EXPECT_EQ(disk_util_remove_usb_serial_dev_node("ttyS0"), -1);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing device name 'sda'"));
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyS0'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sda'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'ttyS0'"));
     EXPECT_TRUE(testing_support::file_exists("/var/dev/sda"));
 }
 
@@ -536,7 +536,7 @@ TEST(StartUpMount, DisksListedInPortFilesAreMountedAndSerialAdaptersAreNot) {
     testing_support::write_file("/tmp/usb/1-1", "sda,sda1\r\n");
     testing_support::write_file("/tmp/usb/1-2", "ttyUSB0\r\n");
     EXPECT_EQ(disk_util_init_mount_exist_disk(), 0);
-    EXPECT_TRUE(fake::logged("Check Exist Disk ..."));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "Check Exist Disk ..."));
     auto texts = seams.runner.texts();
     EXPECT_NE(std::find(texts.begin(), texts.end(), "mknod /var/dev/sda b 8 0"), texts.end());
     EXPECT_NE(std::find(texts.begin(), texts.end(), "mknod /var/dev/sda1 b 8 1"), texts.end());
@@ -611,7 +611,7 @@ TEST(StartUpMount, PortFileWithShellSyntaxIsRefused) {
     testing_support::write_file("/tmp/usb/1-1", "sda,sda1;reboot\r\n");
     disk_util_init_mount_exist_disk();
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing device name 'sda1;reboot'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sda1;reboot'"));
 }
 
 TEST(Shutdown, EveryMountUnderTheRootIsUnmountedAndRemovedOnce) {
@@ -628,8 +628,8 @@ TEST(Shutdown, EveryMountUnderTheRootIsUnmountedAndRemovedOnce) {
     std::vector<std::string> expected = {listing, "umount /tmp/disk/sda1", "rm -R /tmp/disk/sda1",
                                          "umount /tmp/disk/sdb1", "rm -R /tmp/disk/sdb1"};
     EXPECT_EQ(seams.runner.texts(), expected);
-    EXPECT_TRUE(fake::logged("run command : umount /tmp/disk/sda1"));
-    EXPECT_TRUE(fake::logged("run command : rm -R /tmp/disk/sdb1"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "run command : umount /tmp/disk/sda1"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "run command : rm -R /tmp/disk/sdb1"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda1"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sdb1"));
 }

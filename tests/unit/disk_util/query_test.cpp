@@ -159,7 +159,7 @@ TEST(DiskQueries, SizeOfANameWithShellSyntaxRunsNothing) {
     disk_util_get_disk_size(&size, "sda1;reboot");
     EXPECT_EQ(size.total, 0u);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("refusing command line 'df -m | grep sda1;reboot 2>&1'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing command line 'df -m | grep sda1;reboot 2>&1'"));
 }
 
 namespace {
@@ -236,7 +236,7 @@ TEST(DiskQueries, PortFileOfSdaYieldsItsPortAndDeviceList) {
     EXPECT_EQ(disk_util_get_usbport("sda", port, sizeof port, list, sizeof list), 0);
     EXPECT_STREQ(port, "1-1");
     EXPECT_STREQ(list, "sda,sda1");
-    EXPECT_TRUE(fake::logged("Check USB Port ..."));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "Check USB Port ..."));
 
     char none_port[20] = {};
     char none_list[50] = {};
@@ -256,13 +256,13 @@ TEST(SerialListing, AdaptersListedInPortFilesAreCountedAndNamed) {
     make_port_file("1-1", "sda,sda1\r\n");
     make_port_file("1-2", "ttyUSB0\r\n");
     EXPECT_EQ(disk_util_count_of_exist_usb_serial(), 1);
-    EXPECT_TRUE(fake::logged("Check Exist USB Serial ..."));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "Check Exist USB Serial ..."));
 
     char name[20] = {};
     EXPECT_EQ(disk_util_get_usb_serial_name_by_index(0, name, sizeof name), 0);
     EXPECT_STREQ(name, "ttyUSB0");
-    EXPECT_TRUE(fake::logged("Get USB Serial Name ..."));
-    EXPECT_TRUE(fake::logged("Get USB Serial Name ... ttyUSB0"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "Get USB Serial Name ..."));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "Get USB Serial Name ... ttyUSB0"));
 
     char other[20] = {};
     EXPECT_EQ(disk_util_get_usb_serial_name_by_index(1, other, sizeof other), -1);

@@ -116,7 +116,7 @@ TEST(StartUpScan, DiskWithTwoPartitionsGivesOneDiskEntryOneHistoryRecordAndTwoVo
     }
     EXPECT_EQ(volumes, (std::set<std::string>{"sda1", "sda2"}));
     EXPECT_STREQ(usb_volume_info[2].name, "");
-    EXPECT_TRUE(fake::logged("attach_device       = sda,sda1,sda2"));
+    EXPECT_TRUE(fake::logged(4, "db_util.c", "attach_device       = sda,sda1,sda2"));
 }
 
 TEST(StartUpScan, DescriptorNotFoundLeavesTheFieldsEmptyButTheHistoryIsStillRecorded) {
@@ -225,7 +225,7 @@ TEST(StartUpScan, PortFileListWithShellSyntaxIsRefused) {
     make_port_file("1-1", "sda,sda1;touch /tmp/pwned\r\n");
     usbmgr_scan_exist_device();
     EXPECT_STREQ(usb_physical_info[0].attach_device, "");
-    EXPECT_TRUE(fake::logged("refusing device name 'sda1;touch /tmp/pwned'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sda1;touch /tmp/pwned'"));
     EXPECT_FALSE(testing_support::file_exists(TR140_CONF_PATH));
     EXPECT_FALSE(testing_support::file_exists("/tmp/pwned"));
 }

@@ -474,7 +474,7 @@ TEST_F(SharingCommands, LongUnterminatedValueIsCutToItsFieldAndLoggedLeavingNeig
     EXPECT_EQ(std::memcmp(before.root_container, MINIDLNA_CONF.root_container, sizeof before.root_container), 0);
     EXPECT_EQ(std::memcmp(before.friendly_name, MINIDLNA_CONF.friendly_name, sizeof before.friendly_name), 0);
     EXPECT_STREQ(MINIDLNA_CONF.friendly_name, "pelvan_kro");
-    EXPECT_TRUE(fake::logged("value of port cut to 9 characters"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "value of port cut to 9 characters"));
     EXPECT_EQ(lines_of("USBMGR.MINIDLNA.PORT"), Lines{"USBMGR.MINIDLNA.PORT=AAAAAAAAA"});
     EXPECT_EQ(lines_of("USBMGR.MINIDLNA.FRIENDLY_NAME"), Lines{"USBMGR.MINIDLNA.FRIENDLY_NAME=pelvan_kro"});
     // The bytes past the declared size are the caller's.
@@ -493,7 +493,7 @@ TEST_F(SharingCommands, SambaValueLongerThanItsTenCharacterFieldIsCutAndLogged) 
     auto c = set_request("security", "share-and-then-some");
     usbmgr_cmd_set_samba_conf(c);
     EXPECT_STREQ(SAMBA_CONF.security, "share-and");
-    EXPECT_TRUE(fake::logged("value of security cut to 9 characters"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "value of security cut to 9 characters"));
     EXPECT_STREQ(SAMBA_CONF.workgroup, before.workgroup);
     EXPECT_STREQ(SAMBA_CONF.printing, before.printing);
 }
@@ -504,7 +504,7 @@ TEST_F(SharingCommands, FullWidthValueOfTheWidestFieldKeepsOneHundredTwentySeven
     std::memset(c.value, 'S', sizeof c.value);  // no NUL at all
     usbmgr_cmd_set_minidlna_conf(c);
     EXPECT_EQ(std::string(MINIDLNA_CONF.serial), std::string(127, 'S'));
-    EXPECT_TRUE(fake::logged("value of serial cut to 127 characters"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "value of serial cut to 127 characters"));
     EXPECT_EQ(std::memcmp(MINIDLNA_CONF.model_name, "Windows Media", 13), 0);
 }
 

@@ -85,7 +85,7 @@ TEST_F(DeferredReload, AlarmThatFiresWhileARemovalIsHandledWaitsAnotherDeferral)
     EXPECT_EQ(usbmgr_evt_in_progress, 1);
 
     usbmgr_alarm_work();
-    EXPECT_TRUE(fake::logged("********** NEXT INCOMING EVENT **********"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "********** NEXT INCOMING EVENT **********"));
     std::vector<unsigned long> after = seams.clock.alarms();
     EXPECT_EQ(after.size(), alarms + 1);
     EXPECT_EQ(after.back(), kDeferral);

@@ -127,13 +127,13 @@ TEST_F(StorageArrival, DiskWithTwoPartitionsIsLoggedRecordedMountedAndQueuedButN
     Lines expected_cmds = {"orbcm_util cfg save"};
     for (const auto& c : mount_commands_of_sda_with_two_partitions()) expected_cmds.push_back(c);
     EXPECT_EQ(disk_commands(seams.runner), expected_cmds);
-    EXPECT_TRUE(fake::logged("mount /var/dev/sda1 auto /tmp/disk/sda1 success"));
-    EXPECT_TRUE(fake::logged("mount /var/dev/sda2 auto /tmp/disk/sda2 success"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda1 auto /tmp/disk/sda1 success"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda2 auto /tmp/disk/sda2 success"));
 
     EXPECT_EQ(seams.clock.alarms(), (std::vector<unsigned long>{kDeferral}));
     EXPECT_EQ(usbmgr_reload_target, 3);
     EXPECT_EQ(pending_kinds(), (Lines{"USBMGR_TR140_ADD_STORAGE"}));
-    EXPECT_TRUE(fake::logged("1-0 : EVT BUFFER - USBMGR_TR140_ADD_STORAGE"));
+    EXPECT_TRUE(fake::logged(4, "db_util.c", "1-0 : EVT BUFFER - USBMGR_TR140_ADD_STORAGE"));
     EXPECT_TRUE(fake::sent_kinds().empty());
     EXPECT_EQ(usbmgr_evt_in_progress, 0);
 
@@ -203,7 +203,7 @@ TEST_F(StorageArrival, SameDiskArrivingAgainKeepsItsSlotAndItsHistoryRecord) {
                                                "mknod /var/dev/sda1 b 8 1",
                                                "mount | grep /tmp/disk/sda1 2>&1",
                                            }));
-    EXPECT_TRUE(fake::logged("/tmp/disk/sda1 already exist"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "/tmp/disk/sda1 already exist"));
 }
 
 TEST_F(StorageArrival, DiskNotRecordedInAFullTableIsStillMountedAndNotified) {
@@ -303,13 +303,13 @@ TEST_F(StorageRemoval, RecordedDiskIsDeletedUnmountedAndQueuedWhileItsHistorySta
                                                "mount | grep /tmp/disk/sda2 2>&1",
                                                "rm -f /var/dev/sda2",
                                            }));
-    EXPECT_TRUE(fake::logged("umount /tmp/disk/sda1 success"));
-    EXPECT_TRUE(fake::logged("remove folder /tmp/disk/sda2 success"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "umount /tmp/disk/sda1 success"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "remove folder /tmp/disk/sda2 success"));
     EXPECT_FALSE(file_exists("/tmp/disk/sda1"));
     EXPECT_FALSE(file_exists("/tmp/disk/sda2"));
 
     EXPECT_EQ(pending_kinds(), (Lines{"USBMGR_TR140_REMOVE_STORAGE"}));
-    EXPECT_TRUE(fake::logged("2-1 : EVT BUFFER - USBMGR_TR140_REMOVE_STORAGE"));
+    EXPECT_TRUE(fake::logged(4, "db_util.c", "2-1 : EVT BUFFER - USBMGR_TR140_REMOVE_STORAGE"));
     EXPECT_EQ(seams.clock.alarms().size(), alarms + 1);
     EXPECT_EQ(seams.clock.alarms().back(), kDeferral);
     EXPECT_EQ(usbmgr_reload_target, 3);
@@ -332,7 +332,7 @@ TEST_F(StorageRemoval, BusyVolumeIsRetriedEveryThreeSecondsUntilItIsFree) {
     };
     leave(make_record("sda,sda1"));
     EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{3000000, 3000000}));
-    EXPECT_TRUE(fake::logged("try to umount /tmp/disk/sda1 , count = 3"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "try to umount /tmp/disk/sda1 , count = 3"));
     EXPECT_EQ(pending_kinds(), (Lines{"USBMGR_TR140_ADD_STORAGE", "USBMGR_TR140_REMOVE_STORAGE"}));
 }
 
@@ -421,7 +421,7 @@ TEST_F(DeviceRecordInput, SerialNumberKeepsItsEqualsSignAndHasLineBreakAndContro
                                                "USBMGR.0.ENABLE.0=1",
                                            }));
     EXPECT_STREQ(usb_physical_info[0].serial_number, "AB_C=D_E_");
-    EXPECT_TRUE(fake::logged("   SerialNumber           = AB_C=D_E_"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "   SerialNumber           = AB_C=D_E_"));
 }
 
 TEST_F(DeviceRecordInput, UnterminatedTextFieldsStayWithinTheirFields) {
@@ -439,7 +439,7 @@ TEST_F(DeviceRecordInput, UnterminatedTextFieldsStayWithinTheirFields) {
     EXPECT_STREQ(disk.usb_version, "999");
     EXPECT_TRUE(fake::logged("   Manufacturer           = " + std::string(63, 'M')));
     EXPECT_TRUE(fake::logged("   ProductClass           = " + std::string(63, 'P')));
-    EXPECT_TRUE(fake::logged("   USBVersion             = 999999"));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "   USBVersion             = 999999"));
     EXPECT_EQ(read_lines(TR140_CONF_PATH).at(0), "USBMGR.0.SERIAL_NUMBER=" + std::string(63, 'S'));
 }
 

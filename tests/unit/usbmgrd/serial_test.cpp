@@ -253,7 +253,7 @@ TEST_F(SerialTest, AdapterWhoseNodeExistsAlreadyGetsNoLogin) {
     };
     plug("ttyUSB0");
     EXPECT_EQ(seams.runner.texts(), Lines{"ls /var/dev | grep ttyUSB0 2>&1"});
-    EXPECT_TRUE(fake::logged("the device node ttyUSB0 exist already"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "the device node ttyUSB0 exist already"));
     EXPECT_FALSE(fake::logged("Create USB Serial Login thread ..."));
     EXPECT_FALSE(slot_taken(0));
 }
@@ -276,13 +276,13 @@ TEST_F(SerialTest, NamesOtherThanTtyUsbAndDigitsGetNoNodeAndNoLogin) {
     EXPECT_TRUE(seams.runner.texts().empty());
     EXPECT_FALSE(fake::logged("Create USB Serial Login thread ..."));
     EXPECT_FALSE(fake::logged("Delete USB Serial Login thread ..."));
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyS0'"));
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyUSB'"));
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyUSB01'"));
-    EXPECT_TRUE(fake::logged("refusing device name 'sda'"));
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyUSB0,ttyUSB1'"));
-    EXPECT_TRUE(fake::logged("DUSB_EVT_NEW_USB_SERIAL_INTERFACE: refusing AttachDevice 'ttyUSB0;rm', record ignored"));
-    EXPECT_TRUE(fake::logged("DUSB_EVT_REMOVE_USB_SERIAL_INTERFACE: refusing AttachDevice '../ttyUSB0', record ignored"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'ttyS0'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'ttyUSB'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'ttyUSB01'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sda'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'ttyUSB0,ttyUSB1'"));
+    EXPECT_TRUE(fake::logged(1, "usbmgrd.c", "DUSB_EVT_NEW_USB_SERIAL_INTERFACE: refusing AttachDevice 'ttyUSB0;rm', record ignored"));
+    EXPECT_TRUE(fake::logged(1, "usbmgrd.c", "DUSB_EVT_REMOVE_USB_SERIAL_INTERFACE: refusing AttachDevice '../ttyUSB0', record ignored"));
     for (int n = 0; n < USBMGR_SERIAL_LOGIN_SLOTS; ++n) EXPECT_FALSE(slot_taken(n));
 }
 
@@ -298,9 +298,9 @@ TEST_F(SerialTest, ShortOrUnterminatedRecordIsIgnored) {
     EXPECT_EQ(usbmgr_evt_remove_usb_serial_interface(nullptr, 13, 3, &rec), 0);
     EXPECT_TRUE(seams.runner.texts().empty());
     EXPECT_FALSE(fake::logged("EVENT - DUSB_EVT_NEW_USB_SERIAL_INTERFACE"));
-    EXPECT_TRUE(fake::logged("DUSB_EVT_NEW_USB_SERIAL_INTERFACE: device record of 281 bytes ignored, 282 expected"));
-    EXPECT_TRUE(fake::logged("DUSB_EVT_NEW_USB_SERIAL_INTERFACE: AttachDevice not terminated, record ignored"));
-    EXPECT_TRUE(fake::logged("DUSB_EVT_REMOVE_USB_SERIAL_INTERFACE: AttachDevice not terminated, record ignored"));
+    EXPECT_TRUE(fake::logged(1, "usbmgrd.c", "DUSB_EVT_NEW_USB_SERIAL_INTERFACE: device record of 281 bytes ignored, 282 expected"));
+    EXPECT_TRUE(fake::logged(1, "usbmgrd.c", "DUSB_EVT_NEW_USB_SERIAL_INTERFACE: AttachDevice not terminated, record ignored"));
+    EXPECT_TRUE(fake::logged(1, "usbmgrd.c", "DUSB_EVT_REMOVE_USB_SERIAL_INTERFACE: AttachDevice not terminated, record ignored"));
 }
 
 TEST_F(SerialTest, UnpluggingAnAdapterWithoutLoginOnlyRemovesItsNode) {
@@ -336,7 +336,7 @@ TEST_F(SerialTest, SerialEventsReachTheirHandlersThroughTheEventTable) {
     EXPECT_TRUE(slot_taken(2));
     fake::deliver_event("DUSB_DMON", 13, bytes);
     EXPECT_FALSE(slot_taken(2));
-    EXPECT_TRUE(fake::logged("Delete USB Serial Login thread ..."));
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "Delete USB Serial Login thread ..."));
 }
 
 // ---------------------------------------------------------------------------
@@ -372,7 +372,7 @@ TEST_F(SerialTest, AtStartUpAnAdapterWhoseNodeIsThereStillGetsALogin) {
     testing_support::write_file("/tmp/usb/1-3", "ttyUSB1\r\n");
     usbmgr_start_exist_usb_serial_logins();
     ASSERT_TRUE(seams.runner.wait_held(1));
-    EXPECT_TRUE(fake::logged("the device node ttyUSB1 exist already"));
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "the device node ttyUSB1 exist already"));
     EXPECT_EQ(gettys(), Lines{"getty -L 115200 /var/dev/ttyUSB1"});
     EXPECT_TRUE(slot_taken(1));
 }
@@ -411,10 +411,10 @@ TEST_F(SerialTest, AtStartUpAListedNameThatIsNotAnAdapterGetsNoNodeAndNoLogin) {
     testing_support::write_file("/tmp/usb/1-3", "xttyUSB1\r\n");
     testing_support::write_file("/tmp/usb/1-4", "ttyUSB12345\r\n");
     usbmgr_start_exist_usb_serial_logins();
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyUSB0;x'"));
-    EXPECT_TRUE(fake::logged("refusing device name 'xttyUSB1'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'ttyUSB0;x'"));
+    EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'xttyUSB1'"));
     // A number too long for the hand-over buffer is refused before a login.
-    EXPECT_TRUE(fake::logged("refusing device name 'ttyUSB12345'"));
+    EXPECT_TRUE(fake::logged(1, "usbmgrd.c", "refusing device name 'ttyUSB12345'"));
     EXPECT_TRUE(gettys().empty());
     EXPECT_FALSE(fake::logged("Create USB Serial Login thread ..."));
     EXPECT_EQ(commands_but_getty(), (Lines{"ls /var/dev | grep ttyUSB12345 2>&1", "mknod /var/dev/ttyUSB12345 c 188 12345"}));
