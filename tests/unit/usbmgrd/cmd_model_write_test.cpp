@@ -741,7 +741,7 @@ namespace {
 class ModelOnEvent : public ModelWrite {
 protected:
     using Read = std::function<std::string()>;
-    void subscribe(Read read) {
+    void subscribe(const Read& read) {
         fake::bus().on_notify = [this, read](uint32_t id, const std::vector<uint8_t>& payload) {
             uint32_t kind = 0;
             if (id != 0 || payload.size() != sizeof kind) return;
