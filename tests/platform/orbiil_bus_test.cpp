@@ -1,11 +1,15 @@
 // liborbiil on a private dbus-daemon: commands, events, threading, loss of
-// the bus. Every test starts its own dbus-daemon in a temporary folder and
-// points ORBIIL_BUS_ADDRESS at it.
+// the bus, who may call and whose events count. Every test starts its own
+// dbus-daemon in a temporary folder and points ORBIIL_BUS_ADDRESS at it; the
+// bus lets every user in, so that the library's own checks are what stands
+// between an unprivileged caller and the handlers.
 #include <fcntl.h>
+#include <grp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -14,6 +18,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <mutex>
 #include <string>
@@ -106,15 +111,64 @@ std::string run_capture(const std::vector<std::string>& args, int* status) {
     return text;
 }
 
-// A dbus-daemon of our own, as our child, listening in a temporary folder.
+// Who a child process runs as: uid, primary gid and supplementary groups.
+struct Identity {
+    uid_t uid;
+    gid_t gid;
+    std::vector<gid_t> groups;
+};
+
+// Runs argv without a shell as who, and returns its standard output and
+// error together. Between fork and exec only system calls run.
+std::string run_as(const Identity& who, const std::vector<std::string>& args, int* status) {
+    std::vector<char*> argv;
+    argv.reserve(args.size() + 1);
+    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    Pipe out;
+    pid_t pid = fork();
+    if (pid == 0) {
+        dup2(out.write_end(), STDOUT_FILENO);
+        dup2(out.write_end(), STDERR_FILENO);
+        if (setgroups(who.groups.size(), who.groups.data()) != 0 || setresgid(who.gid, who.gid, who.gid) != 0 ||
+            setresuid(who.uid, who.uid, who.uid) != 0)
+            _exit(126);
+        execvp(argv[0], argv.data());
+        _exit(127);
+    }
+    out.close_write();
+    std::string text;
+    char buf[4096];
+    ssize_t n;
+    while ((n = read(out.read_end(), buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
+    int st = 0;
+    waitpid(pid, &st, 0);
+    if (status) *status = st;
+    return text;
+}
+
+constexpr uid_t kNobody = 65534;
+
+// A dbus-daemon of our own, as our child, listening in a temporary folder
+// that every user may reach, with a policy that lets every user connect,
+// own any name and send anything.
 class PrivateBus {
 public:
     bool start() {
         if (dir_.path().empty()) return false;
+        if (chmod(dir_.path().c_str(), 0755) != 0) return false;
+        const std::string config = dir_.path() + "/bus.conf";
+        {
+            std::ofstream out(config);
+            out << "<busconfig><type>session</type><listen>unix:dir=" << dir_.path()
+                << "</listen><auth>EXTERNAL</auth><policy context=\"default\"><allow user=\"*\"/>"
+                   "<allow send_destination=\"*\" eavesdrop=\"true\"/><allow eavesdrop=\"true\"/>"
+                   "<allow own=\"*\"/></policy></busconfig>\n";
+            if (!out) return false;
+        }
         Pipe addr;
         std::string print = "--print-address=" + std::to_string(addr.write_end());
-        std::string listen = "--address=unix:dir=" + dir_.path();
-        std::vector<std::string> args = {"dbus-daemon", "--session", "--nofork", "--nopidfile", print, listen};
+        std::vector<std::string> args = {"dbus-daemon", "--config-file=" + config, "--nofork", "--nopidfile", print};
         std::vector<char*> argv;
         argv.reserve(args.size() + 1);
         for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -256,6 +310,10 @@ class OrbIilBus : public ::testing::Test {
 protected:
     void SetUp() override {
         g_rec.clear();
+        ASSERT_FALSE(log_dir_.path().empty());
+        log_file_ = log_dir_.path() + "/orbiil.log";
+        setenv("ORBIIL_LOG_FILE", log_file_.c_str(), 1);
+        OrbIilResetLog();
         ASSERT_TRUE(bus_.start()) << "dbus-daemon did not start";
         setenv("ORBIIL_BUS_ADDRESS", bus_.address().c_str(), 1);
     }
@@ -267,7 +325,36 @@ protected:
         g_rec.cv.notify_all();
         for (OrbIilHandle* h : {&server_, &client_}) OrbIilReset(h);
         unsetenv("ORBIIL_BUS_ADDRESS");
+        unsetenv("ORBIIL_CALLER_GROUP");
         bus_.stop();
+        OrbIilResetLog();
+        unsetenv("ORBIIL_LOG_FILE");
+    }
+
+    // The library's log lines holding text.
+    std::vector<std::string> log_lines_with(const std::string& text) const {
+        std::vector<std::string> lines;
+        std::ifstream in(log_file_);
+        for (std::string line; std::getline(in, line);)
+            if (line.find(text) != std::string::npos) lines.push_back(line);
+        return lines;
+    }
+
+    // Command 5 of SRV through dbus-send, run as who: its output.
+    std::string call_as(const Identity& who, int* status) {
+        return run_as(who,
+                      {"dbus-send", "--bus=" + bus_.address(), "--print-reply", "--dest=org.orbiil.SRV",
+                       "/org/orbiil/SRV", "org.orbiil.Daemon.Command", "uint32:5", "array:byte:1,2,3"},
+                      status);
+    }
+
+    // An Event of SRV's path sent by busctl, a peer that owns no name;
+    // to_client addresses it to CLI alone instead of to every subscriber.
+    std::string forge_event(bool to_client, int* status) {
+        std::vector<std::string> args = {"busctl", "--address=" + bus_.address(), "emit", "/org/orbiil/SRV",
+                                         "org.orbiil.Daemon", "Event", "uay", "0", "4", "6", "6", "6", "6"};
+        if (to_client) args.insert(args.begin() + 2, "--destination=org.orbiil.CLI");
+        return run_capture(args, status);
     }
 
     // SRV serves command 5 (192 bytes) with the echo handler.
@@ -279,6 +366,8 @@ protected:
     }
     void start_client() { ASSERT_EQ(OrbIilInit(&client_, "CLI"), ORBIIL_OK); }
 
+    TempDir log_dir_{"orbiil-log"};
+    std::string log_file_;
     PrivateBus bus_;
     OrbIilHandle server_{};
     OrbIilHandle client_{};
@@ -624,6 +713,165 @@ TEST_F(OrbIilBus, InitWithoutBusAnswersTxFail) {
     setenv("ORBIIL_BUS_ADDRESS", "unix:path=/nonexistent/orbiil-bus-socket", 1);
     EXPECT_EQ(OrbIilInit(&server_, "SRV"), ORBIIL_TX_FAIL);
     EXPECT_EQ(OrbIilIsRunning(&server_), 0);
+}
+
+
+// --- who may call
+
+TEST_F(OrbIilBus, CommandOfARootCallerIsAnswered) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root";
+    start_echo_server();
+    int status = -1;
+    std::string out = call_as({0, 0, {}}, &status);
+    ASSERT_TRUE(WIFEXITED(status)) << out;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << out;
+    EXPECT_NE(out.find("uint32 0"), std::string::npos) << out;
+    std::lock_guard<std::mutex> lk(g_rec.mu);
+    EXPECT_EQ(g_rec.command_calls, 1);
+}
+
+TEST_F(OrbIilBus, CommandOfAnotherUidIsRefusedWithAccessDeniedAndOneLogLine) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    start_echo_server();
+    int status = -1;
+    std::string out = call_as({kNobody, kNobody, {kNobody}}, &status);
+    ASSERT_TRUE(WIFEXITED(status)) << out;
+    EXPECT_NE(WEXITSTATUS(status), 0) << out;
+    EXPECT_NE(out.find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << out;
+    {
+        std::lock_guard<std::mutex> lk(g_rec.mu);
+        EXPECT_EQ(g_rec.command_calls, 0);
+    }
+    const std::vector<std::string> lines = log_lines_with("refusing command 5 of");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(" ERROR orbiil_bus.c:"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("uid 65534 is not root"), std::string::npos) << lines[0];
+    // A second call of the same connection is refused just the same.
+    out = call_as({kNobody, kNobody, {kNobody}}, &status);
+    EXPECT_NE(out.find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << out;
+    EXPECT_EQ(log_lines_with("refusing command 5 of").size(), 2u);
+}
+
+TEST_F(OrbIilBus, CommandOfAMemberOfTheCallerGroupIsAnswered) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    const struct group* users = getgrnam("users");
+    if (users == nullptr) GTEST_SKIP() << "no group 'users' here";
+    const gid_t gid = users->gr_gid;
+    ASSERT_NE(gid, kNobody);
+    setenv("ORBIIL_CALLER_GROUP", "users", 1);
+    start_echo_server();
+    int status = -1;
+    // A supplementary group, not the primary one.
+    std::string out = call_as({kNobody, kNobody, {kNobody, gid}}, &status);
+    ASSERT_TRUE(WIFEXITED(status)) << out;
+    EXPECT_EQ(WEXITSTATUS(status), 0) << out;
+    EXPECT_NE(out.find("uint32 0"), std::string::npos) << out;
+    std::lock_guard<std::mutex> lk(g_rec.mu);
+    EXPECT_EQ(g_rec.command_calls, 1);
+}
+
+TEST_F(OrbIilBus, CommandOfAnotherUidOutsideTheCallerGroupIsRefused) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    if (getgrnam("users") == nullptr) GTEST_SKIP() << "no group 'users' here";
+    setenv("ORBIIL_CALLER_GROUP", "users", 1);
+    start_echo_server();
+    int status = -1;
+    std::string out = call_as({kNobody, kNobody, {kNobody}}, &status);
+    EXPECT_NE(out.find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << out;
+    std::lock_guard<std::mutex> lk(g_rec.mu);
+    EXPECT_EQ(g_rec.command_calls, 0);
+    EXPECT_EQ(log_lines_with("uid 65534 is not root and not in group users").size(), 1u);
+}
+
+// --- whose events count
+
+class OrbIilEvents : public OrbIilBus {
+protected:
+    // CLI takes event 0 of SRV.
+    void subscribe_client() {
+        start_client();
+        const OrbIilEvtEntry table[] = {event_entry("SRV", 0)};
+        ASSERT_EQ(OrbIilSetEvtHandler(&client_, table, 1), ORBIIL_OK);
+        ASSERT_EQ(OrbIilSubscribeEvent(&client_, "SRV", 0), ORBIIL_OK);
+    }
+    void notify_from(OrbIilHandle* owner, uint8_t mark) {
+        ASSERT_EQ(OrbIilIssueEvent(owner, 0, 4), ORBIIL_OK);
+        const uint8_t payload[4] = {mark, mark, mark, mark};
+        ASSERT_EQ(OrbIilNotify(owner, 0, sizeof payload, payload), ORBIIL_OK);
+    }
+    size_t dropped() const { return log_lines_with("dropping event 0 of SRV from").size(); }
+    std::vector<std::vector<uint8_t>> payloads() {
+        std::lock_guard<std::mutex> lk(g_rec.mu);
+        std::vector<std::vector<uint8_t>> out;
+        for (const auto& e : g_rec.events) out.push_back(e.payload);
+        return out;
+    }
+};
+
+TEST_F(OrbIilEvents, EventFromAPeerThatDoesNotOwnTheSourceNameIsDroppedWithOneLogLine) {
+    start_echo_server();
+    subscribe_client();
+    int status = -1;
+    std::string out = forge_event(false, &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    ASSERT_TRUE(wait_until([this] { return dropped() == 1; })) << "no drop line";
+    // The owner's own event after it still counts, and it alone.
+    notify_from(&server_, 0x11);
+    ASSERT_TRUE(wait_until([] { return g_rec.event_count() >= 1; }));
+    EXPECT_EQ(payloads(), std::vector<std::vector<uint8_t>>({{0x11, 0x11, 0x11, 0x11}}));
+    const std::vector<std::string> lines = log_lines_with("dropping event 0 of SRV from");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(" ERROR orbiil_bus.c:"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("not the owner of org.orbiil.SRV"), std::string::npos) << lines[0];
+}
+
+TEST_F(OrbIilEvents, EventAddressedToTheSubscriberByAPeerThatDoesNotOwnTheSourceNameIsDropped) {
+    start_echo_server();
+    subscribe_client();
+    int status = -1;
+    std::string out = forge_event(true, &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    ASSERT_TRUE(wait_until([this] { return dropped() == 1; })) << "no drop line";
+    notify_from(&server_, 0x22);
+    ASSERT_TRUE(wait_until([] { return g_rec.event_count() >= 1; }));
+    EXPECT_EQ(payloads(), std::vector<std::vector<uint8_t>>({{0x22, 0x22, 0x22, 0x22}}));
+}
+
+TEST_F(OrbIilEvents, EventOfASourceNobodyOwnsIsDropped) {
+    subscribe_client();
+    int status = -1;
+    std::string out = forge_event(false, &status);
+    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << out;
+    ASSERT_TRUE(wait_until([this] { return dropped() == 1; })) << "no drop line";
+    EXPECT_EQ(g_rec.event_count(), 0u);
+}
+
+TEST_F(OrbIilEvents, OwnerThatTakesTheNameAfterTheSubscriptionIsFollowed) {
+    subscribe_client();
+    start_echo_server();
+    notify_from(&server_, 0x33);
+    ASSERT_TRUE(wait_until([] { return g_rec.event_count() >= 1; }));
+    EXPECT_EQ(payloads(), std::vector<std::vector<uint8_t>>({{0x33, 0x33, 0x33, 0x33}}));
+    EXPECT_EQ(dropped(), 0u);
+}
+
+TEST_F(OrbIilEvents, OwnerChangeIsFollowedToTheNewOwnersConnection) {
+    start_echo_server();
+    subscribe_client();
+    notify_from(&server_, 0x44);
+    ASSERT_TRUE(wait_until([] { return g_rec.event_count() >= 1; }));
+    // SRV goes and comes back on another connection.
+    ASSERT_EQ(OrbIilReset(&server_), ORBIIL_OK);
+    OrbIilHandle second{};
+    ASSERT_EQ(OrbIilInit(&second, "SRV"), ORBIIL_OK);
+    notify_from(&second, 0x55);
+    ASSERT_TRUE(wait_until([] { return g_rec.event_count() >= 2; }));
+    // A forger after the change is still nobody.
+    int status = -1;
+    forge_event(false, &status);
+    EXPECT_TRUE(wait_until([this] { return dropped() == 1; }));
+    EXPECT_EQ(payloads(), std::vector<std::vector<uint8_t>>({{0x44, 0x44, 0x44, 0x44}, {0x55, 0x55, 0x55, 0x55}}));
+    OrbIilReset(&second);
 }
 
 }  // namespace

@@ -10,7 +10,16 @@
 // then run on the dispatch thread with the mutex released, so that other
 // threads can notify or call while a slow handler runs, and a handler may
 // itself notify. Replies go out once the handler returns.
+//
+// Who gets in, whatever the bus policy lets through: a Command is answered
+// only for a caller whose effective UID is 0 or who is in the group named by
+// ORBIIL_CALLER_GROUP, as the bus driver knows the caller's connection (the
+// payload says nothing about who sent it). An Event counts only when its
+// sender is the connection that owns org.orbiil.SRC at that moment: the bus
+// stamps every message with its sender's unique name, while anyone may send a
+// signal from any object path.
 #include <errno.h>
+#include <grp.h>
 #include <poll.h>
 #include <pthread.h>
 #include <signal.h>
@@ -25,6 +34,7 @@
 #include <condition_variable>
 #include <cstring>
 #include <map>
+#include <optional>
 #include <memory>
 #include <mutex>
 #include <new>
@@ -47,6 +57,14 @@ constexpr const char kInterface[] = "org.orbiil.Daemon";
 constexpr const char kNamePrefix[] = "org.orbiil.";
 constexpr const char kPathPrefix[] = "/org/orbiil/";
 constexpr uint64_t kHandleMagic = 0x4f5242494c42ULL;  // "ORBILB"
+constexpr const char kDriverName[] = "org.freedesktop.DBus";
+constexpr const char kDriverPath[] = "/org/freedesktop/DBus";
+constexpr const char kLogModule[] = "orbiil_bus.c";
+// Callers whose answer is remembered: a unique name is never given twice on
+// one bus, and its credentials are fixed when it connects.
+constexpr size_t kKnownCallers = 16;
+
+#define ORBIIL_LOG(level, ...) OrbIilTrace((level), kLogModule, __LINE__, __VA_ARGS__)
 
 // A daemon name becomes both a bus name element and an object path element:
 // only the characters both accept, not starting with a digit.
@@ -61,6 +79,18 @@ bool valid_daemon_name(const char* name) {
         if (!ok) return false;
     }
     return true;
+}
+
+// A cleaned copy of a text from the bus for a log line: printable ASCII only,
+// so a peer's name can never break or forge a line.
+std::string shown(const char* text) {
+    std::string out;
+    if (text == nullptr) return "?";
+    for (size_t i = 0; text[i] != '\0' && i < 255; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        out.push_back(c < 0x20 || c >= 0x7f ? '_' : static_cast<char>(c));
+    }
+    return out;
 }
 
 // Work found by sd_bus_process, run after the connection mutex is released.
@@ -79,6 +109,21 @@ struct PendingCall {
     std::vector<uint8_t> reply;
 };
 
+// What the bus driver says about a caller's connection.
+struct Caller {
+    bool known = false;  // the driver answered with a user id
+    uint32_t uid = 0;
+    bool has_groups = false;  // the driver gave the connection's groups
+    std::vector<uint32_t> gids;
+};
+
+// One source whose events are subscribed: its Event match and the match
+// that follows who owns its name.
+struct Source {
+    SlotPtr event_match;
+    SlotPtr owner_match;
+};
+
 struct State {
     OrbIilHandle* handle = nullptr;
     std::string name;
@@ -90,7 +135,14 @@ struct State {
     std::condition_variable calls_done;
     BusPtr bus;
     SlotPtr object_slot;
-    std::map<std::string, SlotPtr> match_slots;  // one Event match per source daemon
+    std::map<std::string, Source> sources;  // by source daemon name
+    // The unique name owning each subscribed source's bus name; empty for none.
+    std::map<std::string, std::string> owners;  // by bus name (org.orbiil.SRC)
+    // ORBIIL_CALLER_GROUP as read at Init; empty for none.
+    std::string caller_group;
+    std::optional<gid_t> caller_gid;  // the group's id, when it exists
+    // The latest callers' credentials, newest last.
+    std::vector<std::pair<std::string, Caller>> known_callers;
     std::map<uint32_t, OrbIilCmdEntry> commands;
     std::vector<OrbIilEvtEntry> events;
     std::map<uint32_t, uint32_t> declared;  // event id -> payload length
@@ -172,14 +224,86 @@ int read_id_payload(sd_bus_message* m, uint32_t* id, const void** data, size_t* 
     return 0;
 }
 
+// Asks the bus driver for the credentials of the connection named sender.
+Caller query_caller(State& st, const char* sender) {
+    Caller who;
+    BusError error;
+    sd_bus_message* raw = nullptr;
+    if (sd_bus_call_method(st.bus.get(), kDriverName, kDriverPath, kDriverName, "GetConnectionCredentials",
+                           error.get(), &raw, "s", sender) < 0)
+        return who;
+    MessagePtr reply(raw);
+    if (sd_bus_message_enter_container(reply.get(), 'a', "{sv}") <= 0) return who;
+    for (;;) {
+        int r = sd_bus_message_enter_container(reply.get(), 'e', "sv");
+        if (r <= 0) break;
+        const char* key = nullptr;
+        if (sd_bus_message_read(reply.get(), "s", &key) < 0) return Caller{};
+        const std::string_view k(key ? key : "");
+        if (k == "UnixUserID") {
+            if (sd_bus_message_read(reply.get(), "v", "u", &who.uid) < 0) return Caller{};
+            who.known = true;
+        } else if (k == "UnixGroupIDs") {
+            if (sd_bus_message_enter_container(reply.get(), 'v', "au") <= 0) return Caller{};
+            const void* data = nullptr;
+            size_t size = 0;
+            if (sd_bus_message_read_array(reply.get(), 'u', &data, &size) < 0) return Caller{};
+            const size_t count = size / sizeof(uint32_t);
+            who.gids.resize(count);
+            if (count) std::memcpy(who.gids.data(), data, count * sizeof(uint32_t));
+            who.has_groups = true;
+            if (sd_bus_message_exit_container(reply.get()) < 0) return Caller{};
+        } else if (sd_bus_message_skip(reply.get(), "v") < 0) {
+            return Caller{};
+        }
+        if (sd_bus_message_exit_container(reply.get()) < 0) return Caller{};
+    }
+    return who;
+}
+
+// Whether the caller sender may run commands; logs one line when not. With
+// the connection mutex held, on the dispatch thread.
+bool caller_admitted(State& st, uint32_t id, const char* sender) {
+    Caller who;
+    const std::string name = sender ? sender : "";
+    auto known = std::find_if(st.known_callers.begin(), st.known_callers.end(),
+                              [&](const std::pair<std::string, Caller>& c) { return c.first == name; });
+    if (known != st.known_callers.end()) {
+        who = known->second;
+    } else if (!name.empty()) {
+        who = query_caller(st, sender);
+        // A failed query is not remembered: the next call asks again.
+        if (who.known) {
+            if (st.known_callers.size() >= kKnownCallers) st.known_callers.erase(st.known_callers.begin());
+            st.known_callers.emplace_back(name, who);
+        }
+    }
+    if (who.known && who.uid == 0) return true;
+    if (who.known && st.caller_gid && who.has_groups &&
+        std::find(who.gids.begin(), who.gids.end(), *st.caller_gid) != who.gids.end())
+        return true;
+    if (!who.known)
+        ORBIIL_LOG(ORBIIL_LOG_ERROR, "refusing command %u of %s: the bus gave no credentials", id,
+                   shown(sender).c_str());
+    else if (st.caller_group.empty())
+        ORBIIL_LOG(ORBIIL_LOG_ERROR, "refusing command %u of %s: uid %u is not root", id, shown(sender).c_str(),
+                   who.uid);
+    else
+        ORBIIL_LOG(ORBIIL_LOG_ERROR, "refusing command %u of %s: uid %u is not root and not in group %s", id,
+                   shown(sender).c_str(), who.uid, shown(st.caller_group.c_str()).c_str());
+    return false;
+}
+
 // Command: runs under the connection mutex, inside sd_bus_process.
-int on_command(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
+int on_command(sd_bus_message* m, void* userdata, sd_bus_error* error) {
     State& st = *static_cast<State*>(userdata);
     uint32_t id = 0;
     const void* data = nullptr;
     size_t len = 0;
     int r = read_id_payload(m, &id, &data, &len);
     if (r < 0) return r;  // sd-bus answers the caller with the error
+    if (!caller_admitted(st, id, sd_bus_message_get_sender(m)))
+        return sd_bus_error_set(error, SD_BUS_ERROR_ACCESS_DENIED, "caller may not run commands");
 
     auto it = st.commands.find(id);
     if (it == st.commands.end() || it->second.handler == nullptr) {
@@ -216,6 +340,13 @@ int on_event(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
     size_t len = 0;
     if (read_id_payload(m, &id, &data, &len) < 0) return 0;
     if (st.subscribed.count({src, id}) == 0) return 0;
+    const char* sender = sd_bus_message_get_sender(m);
+    auto owner = st.owners.find(kNamePrefix + src);
+    if (sender == nullptr || owner == st.owners.end() || owner->second.empty() || owner->second != sender) {
+        ORBIIL_LOG(ORBIIL_LOG_ERROR, "dropping event %u of %s from %s: not the owner of %s%s", id, src.c_str(),
+                   shown(sender).c_str(), kNamePrefix, src.c_str());
+        return 0;
+    }
 
     for (const OrbIilEvtEntry& e : st.events) {
         if (e.id != id || e.handler == nullptr) continue;
@@ -227,6 +358,21 @@ int on_event(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
         st.pending.push_back(std::move(w));
         break;
     }
+    return 0;
+}
+
+// NameOwnerChanged of a subscribed source's bus name: runs under the
+// connection mutex. Only the bus driver's own signal counts.
+int on_owner_changed(sd_bus_message* m, void* userdata, sd_bus_error* /*error*/) {
+    State& st = *static_cast<State*>(userdata);
+    const char* sender = sd_bus_message_get_sender(m);
+    if (sender == nullptr || std::string_view(sender) != kDriverName) return 0;
+    const char* name = nullptr;
+    const char* old_owner = nullptr;
+    const char* new_owner = nullptr;
+    if (sd_bus_message_read(m, "sss", &name, &old_owner, &new_owner) < 0) return 0;
+    auto it = st.owners.find(name ? name : "");
+    if (it != st.owners.end()) it->second = new_owner ? new_owner : "";
     return 0;
 }
 
@@ -401,10 +547,25 @@ void teardown(const std::shared_ptr<State>& st) {
             st->thread.join();
     }
     std::lock_guard<std::mutex> lk(st->mu);
-    st->match_slots.clear();
+    st->sources.clear();
     st->object_slot.reset();
     st->pending.clear();
     st->bus.reset();
+}
+
+// ORBIIL_CALLER_GROUP, read once: a group that does not exist admits nobody.
+void resolve_caller_group(State& st) {
+    const char* group = getenv("ORBIIL_CALLER_GROUP");
+    if (group == nullptr || group[0] == '\0') return;
+    st.caller_group = group;
+    std::vector<char> buf(16384);
+    struct group gr;
+    struct group* found = nullptr;
+    if (getgrnam_r(group, &gr, buf.data(), buf.size(), &found) == 0 && found != nullptr)
+        st.caller_gid = found->gr_gid;
+    else
+        ORBIIL_LOG(ORBIIL_LOG_ERROR, "caller group %s does not exist: only root may run commands",
+                   shown(group).c_str());
 }
 
 int init(OrbIilHandle* handle, const char* name) {
@@ -418,6 +579,7 @@ int init(OrbIilHandle* handle, const char* name) {
     st->path = std::string(kPathPrefix) + name;
     st->wake = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!st->wake) return ORBIIL_ERR;
+    resolve_caller_group(*st);
 
     if (open_bus(&st->bus) < 0) return ORBIIL_TX_FAIL;
     sd_bus_slot* slot = nullptr;
@@ -494,17 +656,45 @@ int subscribe_event(OrbIilHandle* handle, const char* src, uint32_t evt_id) {
     if (!st || !valid_daemon_name(src)) return ORBIIL_BAD_PARAM;
     std::lock_guard<std::mutex> lk(st->mu);
     if (!st->bus || !st->running) return ORBIIL_TX_FAIL;
-    if (st->match_slots.count(src) == 0) {
+    if (st->sources.count(src) == 0) {
+        Source source;
         // Matched by the sender's object path: the well-known name is not
-        // what the bus stamps on a signal, its unique name is.
+        // what the bus stamps on a signal, its unique name is; on_event
+        // holds that to the name's owner.
         std::string path = std::string(kPathPrefix) + src;
         sd_bus_slot* slot = nullptr;
         int r = sd_bus_match_signal(st->bus.get(), &slot, nullptr, path.c_str(), kInterface, "Event", on_event,
                                     st.get());
-        // The AddMatch round trip may have queued messages the dispatch thread has not seen.
+        if (r < 0) {
+            wake(*st);
+            return ORBIIL_TX_FAIL;
+        }
+        source.event_match.reset(slot);
+        // Follow the owner from before it is first asked, so that no change is missed.
+        const std::string bus_name = std::string(kNamePrefix) + src;
+        const std::string rule = std::string("type='signal',sender='") + kDriverName + "',path='" + kDriverPath +
+                                 "',interface='" + kDriverName + "',member='NameOwnerChanged',arg0='" + bus_name +
+                                 "'";
+        slot = nullptr;
+        r = sd_bus_add_match(st->bus.get(), &slot, rule.c_str(), on_owner_changed, st.get());
+        if (r < 0) {
+            wake(*st);
+            return ORBIIL_TX_FAIL;
+        }
+        source.owner_match.reset(slot);
+        std::string owner;
+        BusError error;
+        sd_bus_message* raw = nullptr;
+        r = sd_bus_call_method(st->bus.get(), kDriverName, kDriverPath, kDriverName, "GetNameOwner", error.get(), &raw,
+                               "s", bus_name.c_str());
+        MessagePtr reply(raw);
+        const char* unique = nullptr;
+        if (r >= 0 && sd_bus_message_read(reply.get(), "s", &unique) >= 0 && unique != nullptr) owner = unique;
+        // The round trips may have queued messages the dispatch thread has not seen.
         wake(*st);
-        if (r < 0) return ORBIIL_TX_FAIL;
-        st->match_slots.emplace(src, SlotPtr(slot));
+        if (r < 0 && !sd_bus_error_has_name(error.get(), SD_BUS_ERROR_NAME_HAS_NO_OWNER)) return ORBIIL_TX_FAIL;
+        st->owners[bus_name] = owner;
+        st->sources.emplace(src, std::move(source));
     }
     st->subscribed.emplace(src, evt_id);
     return ORBIIL_OK;
