@@ -7,7 +7,7 @@ set -euo pipefail
 packages=(
     build-essential cmake ninja-build pkg-config
     libsystemd-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
-    dbus-daemon dbus-bin
+    dbus-daemon dbus-bin dbus-system-bus-common
     samba smbclient minidlna ntfs-3g
     psmisc e2fsprogs iproute2 util-linux fdisk curl procps python3
     clang libclang-rt-14-dev clang-tidy cppcheck
