@@ -19,6 +19,8 @@ history=/var/config/tr140.conf
 smb_conf=/etc/samba/smb.conf
 policy="$USBMGR_SOURCE_DIR/etc/dbus-1/system.d/org.orbiil.conf"
 open_bus_pid=""
+# Deadlines stretch for sanitizer builds.
+scale=${USBMGR_TIME_SCALE:-1}
 
 cleanup() {
     leave_sandbox 30 sda
@@ -119,9 +121,9 @@ forge_arrival sdb,sdb1 FORGED-0
 # The real hot-plug daemon's arrival after it: once that is in, the forged
 # one before it was handled too.
 usbmgrctl plug --port 1-1 --device sda,sda1 --serial REAL-1 >/dev/null
-check "forged arrival: the owner's arrival is mounted" wait_for "mounted /tmp/disk/sda1" 10
-check "forged arrival: the owner's arrival is recorded" wait_for "recorded REAL-1" 5
-check "forged arrival: the owner's arrival is shared" wait_for "shared /tmp/disk/sda1" $((15 * ${USBMGR_TIME_SCALE:-1}))
+check "forged arrival: the owner's arrival is mounted" wait_for "mounted /tmp/disk/sda1" $((10 * scale))
+check "forged arrival: the owner's arrival is recorded" wait_for "recorded REAL-1" $((5 * scale))
+check "forged arrival: the owner's arrival is shared" wait_for "shared /tmp/disk/sda1" $((15 * scale))
 check "forged arrival: dropped with one log line" [ "$(lines_of 'dropping event 0 of DUSB_DMON from')" -eq 1 ]
 check "forged arrival: not mounted" bash -c "! findmnt -rn --mountpoint /tmp/disk/sdb1"
 check "forged arrival: not shared" bash -c "! grep -qF 'path = /tmp/disk/sdb1' $smb_conf"
@@ -130,7 +132,7 @@ check "forged arrival: not recorded" bash -c "! grep -q FORGED $history"
 # --- ten forged serials pushing real disks out of the history
 for i in $(seq 1 10); do forge_arrival sdb,sdb1 "FORGED-$i"; done
 usbmgrctl unplug --port 1-1 --device sda,sda1 >/dev/null
-check "ten forged serials: the owner's removal is done" wait_for "! mounted /tmp/disk/sda1" 10
+check "ten forged serials: the owner's removal is done" wait_for "! mounted /tmp/disk/sda1" $((10 * scale))
 check "ten forged serials: all ten dropped" [ "$(lines_of 'dropping event 0 of DUSB_DMON from')" -eq 11 ]
 check "ten forged serials: the real disk's record is kept" recorded REAL-1
 check "ten forged serials: no forged record" bash -c "! grep -q FORGED $history"
@@ -142,7 +144,7 @@ mkdir -p /run/dbus
 dbus-daemon --system --fork
 export ORBIIL_BUS_ADDRESS=unix:path=/run/dbus/system_bus_socket
 export DBUS_SESSION_BUS_ADDRESS=$ORBIIL_BUS_ADDRESS
-check "system bus: it runs" wait_for "busctl --address=$ORBIIL_BUS_ADDRESS list --no-legend" 10
+check "system bus: it runs" wait_for "busctl --address=$ORBIIL_BUS_ADDRESS list --no-legend" $((10 * scale))
 # The group the documented block would let call, as ORBIIL_CALLER_GROUP does in the library.
 export ORBIIL_CALLER_GROUP=users
 daemon=$(start_daemon debug)
@@ -151,7 +153,7 @@ check "system bus: root's command 14 is answered" answers
 make_disk_nodes sda
 usbmgrctl plug --port 1-1 --device sda,sda1 --serial REAL-1 >/dev/null
 check "system bus: root may own org.orbiil.DUSB_DMON, and its arrival is mounted" \
-    wait_for "mounted /tmp/disk/sda1" 10
+    wait_for "mounted /tmp/disk/sda1" $((10 * scale))
 
 refusals=$(lines_of 'refusing command 14 of')
 out=$(send_14 nobody)
@@ -183,7 +185,7 @@ check "group block: a member of the group may still not own org.orbiil.DUSB_DMON
 check "group block: uid 65534 outside the group still may not call" denied "$(send_14 nobody)"
 
 usbmgrctl unplug --port 1-1 --device sda,sda1 >/dev/null
-check "system bus: unplugged" wait_for "! mounted /tmp/disk/sda1" 10
+check "system bus: unplugged" wait_for "! mounted /tmp/disk/sda1" $((10 * scale))
 leave_sandbox 30 sda
 trap - EXIT
 kill "$open_bus_pid" 2>/dev/null || true

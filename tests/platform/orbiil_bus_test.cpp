@@ -21,6 +21,7 @@
 #include <fstream>
 #include <functional>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -148,6 +149,15 @@ std::string run_as(const Identity& who, const std::vector<std::string>& args, in
 }
 
 constexpr uid_t kNobody = 65534;
+
+// The id of the group named name, if there is one.
+std::optional<gid_t> group_id(const char* name) {
+    std::vector<char> buf(16384);
+    struct group gr {};
+    struct group* found = nullptr;
+    if (getgrnam_r(name, &gr, buf.data(), buf.size(), &found) != 0 || found == nullptr) return std::nullopt;
+    return found->gr_gid;
+}
 
 // A dbus-daemon of our own, as our child, listening in a temporary folder
 // that every user may reach, with a policy that lets every user connect,
@@ -715,7 +725,6 @@ TEST_F(OrbIilBus, InitWithoutBusAnswersTxFail) {
     EXPECT_EQ(OrbIilIsRunning(&server_), 0);
 }
 
-
 // --- who may call
 
 TEST_F(OrbIilBus, CommandOfARootCallerIsAnswered) {
@@ -754,9 +763,9 @@ TEST_F(OrbIilBus, CommandOfAnotherUidIsRefusedWithAccessDeniedAndOneLogLine) {
 
 TEST_F(OrbIilBus, CommandOfAMemberOfTheCallerGroupIsAnswered) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
-    const struct group* users = getgrnam("users");
-    if (users == nullptr) GTEST_SKIP() << "no group 'users' here";
-    const gid_t gid = users->gr_gid;
+    const std::optional<gid_t> users = group_id("users");
+    if (!users) GTEST_SKIP() << "no group 'users' here";
+    const gid_t gid = *users;
     ASSERT_NE(gid, kNobody);
     setenv("ORBIIL_CALLER_GROUP", "users", 1);
     start_echo_server();
@@ -772,7 +781,7 @@ TEST_F(OrbIilBus, CommandOfAMemberOfTheCallerGroupIsAnswered) {
 
 TEST_F(OrbIilBus, CommandOfAnotherUidOutsideTheCallerGroupIsRefused) {
     if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
-    if (getgrnam("users") == nullptr) GTEST_SKIP() << "no group 'users' here";
+    if (!group_id("users")) GTEST_SKIP() << "no group 'users' here";
     setenv("ORBIIL_CALLER_GROUP", "users", 1);
     start_echo_server();
     int status = -1;

@@ -34,10 +34,10 @@
 #include <condition_variable>
 #include <cstring>
 #include <map>
-#include <optional>
 #include <memory>
 #include <mutex>
 #include <new>
+#include <optional>
 #include <set>
 #include <shared_mutex>
 #include <string>
@@ -86,7 +86,7 @@ bool valid_daemon_name(const char* name) {
 std::string shown(const char* text) {
     std::string out;
     if (text == nullptr) return "?";
-    for (size_t i = 0; text[i] != '\0' && i < 255; ++i) {
+    for (size_t i = 0; i < 255 && text[i] != '\0'; ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
         out.push_back(c < 0x20 || c >= 0x7f ? '_' : static_cast<char>(c));
     }
