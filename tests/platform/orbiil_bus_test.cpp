@@ -792,6 +792,25 @@ TEST_F(OrbIilBus, CommandOfAnotherUidOutsideTheCallerGroupIsRefused) {
     EXPECT_EQ(log_lines_with("uid 65534 is not root and not in group users").size(), 1u);
 }
 
+TEST_F(OrbIilBus, CallerGroupThatDoesNotExistIsLoggedOnceAndAdmitsOnlyRoot) {
+    if (geteuid() != 0) GTEST_SKIP() << "needs root to become another user";
+    const char* const missing = "usbmgr-no-such-group";
+    ASSERT_FALSE(group_id(missing));
+    setenv("ORBIIL_CALLER_GROUP", missing, 1);
+    start_echo_server();
+    const std::vector<std::string> lines = log_lines_with("caller group usbmgr-no-such-group does not exist");
+    ASSERT_EQ(lines.size(), 1u);
+    EXPECT_NE(lines[0].find(" ERROR orbiil_bus.c:"), std::string::npos) << lines[0];
+    EXPECT_NE(lines[0].find("only root may run commands"), std::string::npos) << lines[0];
+    int status = -1;
+    std::string out = call_as({0, 0, {}}, &status);
+    EXPECT_NE(out.find("uint32 0"), std::string::npos) << out;
+    out = call_as({kNobody, kNobody, {kNobody}}, &status);
+    EXPECT_NE(out.find("org.freedesktop.DBus.Error.AccessDenied"), std::string::npos) << out;
+    std::lock_guard<std::mutex> lk(g_rec.mu);
+    EXPECT_EQ(g_rec.command_calls, 1);
+}
+
 // --- whose events count
 
 class OrbIilEvents : public OrbIilBus {
