@@ -68,9 +68,12 @@ if ! diff -q <(listed) <(current_list "$src") >/dev/null; then
     echo "note: mutations.txt differs from the sources (scripts/mutate.sh --check shows how)" >&2
 fi
 
-# The copy: every file git knows of (committed or not), as the tree has it now.
+# The copy: every file git knows of (committed or not), as the tree has it
+# now. It is made afresh, with the files' own times, so the build of a
+# second run redoes only what changed.
+rm -rf "$work/src"
 mkdir -p "$work/src"
-(cd "$src" && git ls-files -z --cached --others --exclude-standard | tar --null -T - -cf -) |
+(cd "$src" && git ls-files -z --cached --others --exclude-standard | tar --null --ignore-failed-read -T - -cf - 2>/dev/null) |
     (cd "$work/src" && tar -xf -)
 mkdir -p "$work/pristine"
 
