@@ -75,14 +75,6 @@ inline usbmgr::CommandLine server_command(std::vector<std::string> argv,
     return cmd;
 }
 
-// Removes the file at path if it exists and creates it anew, write-only,
-// exclusive create, mode 0644; an empty descriptor when it cannot be created.
-usbmgr::UniqueFd create_new_file(const char* path);
-// Writes all of text (write errors are not acted on).
-void write_text(const usbmgr::UniqueFd& fd, const std::string& text);
-// Both of the above; false, with nothing written, when the file cannot be created.
-bool replace_file(const char* path, const std::string& text);
-
 }  // namespace app_util_internal
 
 #endif

@@ -7,6 +7,7 @@
 #include "app_util/app_util_internal.h"
 #include "db_util/clock.h"
 #include "db_util/db_util.h"
+#include "db_util/file_writer.h"
 #include "db_util/log.h"
 
 namespace {
@@ -82,7 +83,7 @@ std::string app_util_render_minidlna_conf(const MiniDlnaConf& conf) {
 
 void app_util_write_minidlna_conf() {
     std::string path = field_text(MINIDLNA_CONF.conf_dir);
-    app_util_internal::replace_file(path.c_str(), app_util_render_minidlna_conf(MINIDLNA_CONF));
+    usbmgr::replace_file(path.c_str(), app_util_render_minidlna_conf(MINIDLNA_CONF), usbmgr::kPublicFileMode);
 }
 
 int app_util_start_minidlna() {

@@ -12,8 +12,10 @@
 #include "app_util/app_util_internal.h"
 #include "db_util/clock.h"
 #include "db_util/db_util.h"
+#include "db_util/file_writer.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
+#include "disk_util/disk_util.h"
 
 namespace {
 
@@ -107,13 +109,22 @@ std::string section_name(std::string_view name) {
     return n;
 }
 
-// The folders of the mount root in directory order; false when it cannot be listed.
+// A folder of the mount root is shared only when it is where the daemon
+// mounted one of its volumes: a partition's folder, a mount point, in a
+// mount root that is root's own. Anything else there (a link planted to
+// "/", a folder left without its volume) is never offered to the network.
+bool shared_folder(const char* name) { return disk_util_folder_ok(DiskFolderUse::share, name); }
+
+// The folders of the mount root that may be shared, in directory order;
+// false when it cannot be listed or is not root's own folder.
 bool list_mount_root(std::vector<std::string>& folders) {
     usbmgr::DirPtr dir(opendir(MOUNT_DISK_PATH));
     if (!dir) return false;
+    if (!disk_util_folder_ok(DiskFolderUse::mount_root)) return false;
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "Searching Samba shared disk ...");
     while (dirent* e = readdir(dir.get())) {
         if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
+        if (!shared_folder(e->d_name)) continue;
         folders.emplace_back(e->d_name);
     }
     return true;
@@ -181,13 +192,15 @@ std::string app_util_render_samba_conf(const SambaConf& conf, const char* mount_
 void app_util_write_samba_conf() {
     if (usbmgr::DirPtr dir(opendir(kSambaDir)); !dir) mkdir(kSambaDir, 0775);
     std::string path = field_text(SAMBA_CONF.conf_dir);
-    usbmgr::UniqueFd fd = app_util_internal::create_new_file(path.c_str());
-    if (!fd) return;
+    usbmgr::FileReplacement file(path.c_str(), usbmgr::kPublicFileMode);
+    if (!file) return;
     // A mount root that cannot be listed leaves the global section alone.
     std::vector<std::string> folders;
     std::vector<AppUtilSambaShare> shares;
     if (list_mount_root(folders)) shares = app_util_samba_shares(folders);
-    app_util_internal::write_text(fd, app_util_render_samba_conf(SAMBA_CONF, MOUNT_DISK_PATH, shares));
+    const std::string text = app_util_render_samba_conf(SAMBA_CONF, MOUNT_DISK_PATH, shares);
+    std::fwrite(text.data(), 1, text.size(), file.stream());
+    file.commit();
 }
 
 int app_util_start_samba() {

@@ -1,6 +1,7 @@
 // Samba user accounts: slots of the settings file, Samba's password database
 // (through pdbedit, run without a shell) and the user map file.
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdarg>
@@ -10,6 +11,7 @@
 
 #include "app_util/app_util.h"
 #include "db_util/db_util.h"
+#include "db_util/file_writer.h"
 #include "db_util/line_reader.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
@@ -79,12 +81,25 @@ bool password_ok(const char* name, const char* password) {
 
 // The gateway's command lines, run as argument lists: a name or password
 // is one argument whatever it holds.
+// pdbedit writes Samba's password file, which holds every user's password
+// hash: it stays owner only, whatever the umask pdbedit ran with. The file
+// is opened without following a link, so a link there is never changed.
+void keep_smbpasswd_private() {
+    usbmgr::UniqueFd fd(::open(kSmbPasswdPath, O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+    if (!fd) return;
+    struct stat st {};
+    if (::fstat(fd.get(), &st) == 0 && S_ISREG(st.st_mode) && (st.st_mode & 07777) != 0600)
+        ::fchmod(fd.get(), 0600);
+}
+
 void pdbedit_add(const char* name, const char* password) {
     db_util_exe_command(usbmgr::CommandLine::exec({"/bin/pdbedit", "-a", "-u", name, "-T", password, "-A"}));
+    keep_smbpasswd_private();
 }
 
 void pdbedit_remove(const char* name) {
     db_util_exe_command(usbmgr::CommandLine::exec({"/bin/pdbedit", "-x", "-u", name, "-A"}));
+    keep_smbpasswd_private();
 }
 
 enum class UserItem { none, name, password, enable };
@@ -174,44 +189,41 @@ private:
 
 enum class Rewrite { done, no_settings, no_temp };
 
-// Streams the settings file through the temporary file, giving every line to
-// filter(line, out), then finish(out) at the end; moves the result into place
-// and hands it to the configuration manager. A missing settings file still
-// moves whatever the temporary file holds, as the gateway does; a temporary
-// file that cannot be made stops before anything moves.
+// Streams the settings file into a new file beside it, giving every line to
+// filter(line, out), then finish(out) at the end; renames the new file over
+// the old one and hands it to the configuration manager. The file holds the
+// Samba passwords: owner only. A missing settings file leaves nothing to
+// rewrite; one whose new file cannot be made or renamed stays as it was.
 template <typename Filter, typename Finish>
 Rewrite rewrite_settings(Filter&& filter, Finish&& finish) {
-    Rewrite result = Rewrite::done;
-    {
-        File in(std::fopen(USBMGR_CONF_PATH, "re"));
-        if (!in) {
-            USBMGR_TRACE(USBMGR_LOG_DEBUG, "File %s not found ...", USBMGR_CONF_PATH);
-            result = Rewrite::no_settings;
-        } else {
-            File out(std::fopen(USBMGR_TEMP_PATH, "we"));
-            if (!out) return Rewrite::no_temp;
-            SettingsOut writer(out.get());
-            char raw[DB_UTIL_LINE_SIZE];
-            std::string whole;
-            while (std::size_t len = usbmgr::read_line_piece(in.get(), raw)) {
-                SettingsLine line{raw, len, UserItem::none, -1};
-                classify(raw, line);
-                // A line longer than one read is judged by its first piece
-                // and goes whole: judged piece by piece, a dropped user
-                // line's tail stayed behind as a line of its own.
-                if (raw[len - 1] != '\n' && usbmgr::read_rest_of_line(in.get(), raw, len, whole)) {
-                    line.raw = whole.data();
-                    line.raw_len = whole.size();
-                }
-                filter(line, writer);
-            }
-            finish(writer);
-        }
+    File in(std::fopen(USBMGR_CONF_PATH, "re"));
+    if (!in) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "File %s not found ...", USBMGR_CONF_PATH);
+        usbmgr_cfg_save();
+        return Rewrite::no_settings;
     }
-    std::remove(USBMGR_CONF_PATH);
-    db_util_exe_command(usbmgr::CommandLine::exec({"mv", USBMGR_TEMP_PATH, USBMGR_CONF_PATH}));
+    usbmgr::FileReplacement out(USBMGR_CONF_PATH, usbmgr::kPrivateFileMode);
+    if (!out) return Rewrite::no_temp;
+    SettingsOut writer(out.stream());
+    char raw[DB_UTIL_LINE_SIZE];
+    std::string whole;
+    while (std::size_t len = usbmgr::read_line_piece(in.get(), raw)) {
+        SettingsLine line{raw, len, UserItem::none, -1};
+        classify(raw, line);
+        // A line longer than one read is judged by its first piece and
+        // goes whole: judged piece by piece, a dropped user line's tail
+        // stayed behind as a line of its own.
+        if (raw[len - 1] != '\n' && usbmgr::read_rest_of_line(in.get(), raw, len, whole)) {
+            line.raw = whole.data();
+            line.raw_len = whole.size();
+        }
+        filter(line, writer);
+    }
+    finish(writer);
+    in.reset();
+    if (!out.commit()) return Rewrite::no_temp;
     usbmgr_cfg_save();
-    return result;
+    return Rewrite::done;
 }
 
 template <std::size_t N>
@@ -295,12 +307,6 @@ int app_util_is_samba_user(const char* name) {
 void app_util_write_samba_username_map(int add_missing) {
     const std::string path = field_text(SAMBA_CONF.username_map_dir);
     if (path.empty()) return;
-    if (File old{std::fopen(path.c_str(), "re")}) {
-        old.reset();
-        std::remove(path.c_str());
-    }
-    usbmgr::UniqueFd fd(open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644));
-    if (!fd) return;
 
     // Every enabled user is mapped to the one gateway account.
     std::string line = field_text(SAMBA_CONF.username_map) + " =";
@@ -317,14 +323,7 @@ void app_util_write_samba_username_map(int add_missing) {
         if (app_util_is_samba_user(name)) continue;
         if (password_ok(name, password)) pdbedit_add(name, password);
     }
-    const char* p = line.data();
-    std::size_t left = line.size();
-    while (left > 0) {
-        const ssize_t n = write(fd.get(), p, left);
-        if (n <= 0) break;
-        p += n;
-        left -= static_cast<std::size_t>(n);
-    }
+    usbmgr::replace_file(path.c_str(), line, usbmgr::kPublicFileMode);
 }
 
 int app_util_add_samba_user(const char* name, const char* password, int enable) {
@@ -358,7 +357,7 @@ int app_util_add_samba_user(const char* name, const char* password, int enable) 
             result = 0;
         });
     if (rw == Rewrite::no_temp) {
-        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Create File %s Fail ...", USBMGR_TEMP_PATH);
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Create File %s Fail ...", USBMGR_CONF_PATH);
         return -1;
     }
     if (enable != 0) pdbedit_add(name, password);

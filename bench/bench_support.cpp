@@ -52,7 +52,7 @@ void RecordingRunner::clear_texts() {
 }
 
 void TrueRunner::answer(const std::string& t, usbmgr::RunResult& r) {
-    static const std::string kMount = "mount -v -t auto ";
+    static const std::string kMount = "mount -v -t auto -o nosuid,nodev ";
     static const std::string kUmount = "umount ";
     static const std::string kCheck = "mount | grep ";
     if (t.rfind(kMount, 0) == 0) {

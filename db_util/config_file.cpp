@@ -108,10 +108,6 @@ int db_util_tr140_conf_get_parameter_s(const char* key, char* out, std::size_t o
     return db_util_file_get_parameter_s(TR140_CONF_PATH, key, out, out_size);
 }
 
-int db_util_temp_config_get_parameter_s(const char* key, char* out, std::size_t out_size) {
-    return db_util_file_get_parameter_s(USBMGR_TEMP_PATH, key, out, out_size);
-}
-
 int db_util_usbmgr_conf_split_item(char* key, UsbmgrConfItem* item) {
     char* save = nullptr;
     int n = 0;

@@ -22,9 +22,7 @@ struct CommandLine;
 // Key=value files
 
 inline constexpr const char USBMGR_CONF_PATH[] = "/var/config/usbmgr.conf";
-inline constexpr const char USBMGR_TEMP_PATH[] = "/tmp/usbmgr.temp";
 inline constexpr const char TR140_CONF_PATH[] = "/var/config/tr140.conf";
-inline constexpr const char TR140_TEMP_PATH[] = "/tmp/tr140.temp";
 
 // Line buffer of every reader: a longer line is read as several pieces.
 inline constexpr std::size_t DB_UTIL_LINE_SIZE = 256;
@@ -47,8 +45,7 @@ int db_util_config_get_parameter_i(const char* key);
 int db_util_config_get_parameter_s(const char* key, char* out, std::size_t out_size = DB_UTIL_VALUE_SIZE);
 int db_util_tr140_conf_get_parameter_i(const char* key);
 int db_util_tr140_conf_get_parameter_s(const char* key, char* out, std::size_t out_size = DB_UTIL_VALUE_SIZE);
-int db_util_temp_config_get_parameter_s(const char* key, char* out, std::size_t out_size = DB_UTIL_VALUE_SIZE);
-// Integer and string lookups in any file (the five getters above are these).
+// Integer and string lookups in any file (the four getters above are these).
 int db_util_file_get_parameter_i(const char* path, const char* key);
 int db_util_file_get_parameter_s(const char* path, const char* key, char* out, std::size_t out_size);
 
@@ -184,9 +181,10 @@ private:
 
 using Tr140LineFilter = void (*)(const Tr140FilterLine& line, Tr140FilterOut& out, void* context);
 
-// Streams the history file through the temporary file, letting filter decide
-// for every line, then removes the old file and moves the temporary one into
-// place: 0, or -1 when either file could not be opened (nothing changed).
+// Streams the history file into a new file beside it, letting filter decide
+// for every line, then renames the new file over the old one: 0, or -1 when
+// the old file could not be read or the new one not made or renamed
+// (nothing changed).
 int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context);
 
 // The same with any callable taking (const Tr140FilterLine&, Tr140FilterOut&).

@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "db_util/db_util.h"
+#include "db_util/file_writer.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
 #include "db_util/runner.h"
@@ -121,9 +122,6 @@ const Setting& setting_at(int save_pos) {
     return kSettings[0];  // unreachable: the positions are 1 to 38
 }
 
-// Runs a file command of the save as the save does: popen, log, pclose.
-bool run_logged(const usbmgr::CommandLine& cmd) { return usbmgr::run_logged(cmd, kLogModule); }
-
 }  // namespace
 
 int usbmgr_conf_load() {
@@ -144,43 +142,44 @@ int usbmgr_conf_load() {
 }
 
 int usbmgr_conf_save() {
-    if (!run_logged(usbmgr::CommandLine::exec({"cp", USBMGR_CONF_PATH, USBMGR_TEMP_PATH}))) return -1;
-
-    usbmgr::FilePtr f(std::fopen(USBMGR_CONF_PATH, "we"));
-    if (!f) return -1;
+    // The new file is made beside the old one and renamed over it: the old
+    // file stays in place, whole, until the new one is complete, and is read
+    // for the Samba accounts meanwhile. It holds their passwords: owner only.
+    usbmgr::FileReplacement file(USBMGR_CONF_PATH, usbmgr::kPrivateFileMode);
+    if (!file) return -1;
+    std::FILE* f = file.stream();
     for (int pos = 1; pos <= kSettingCount; ++pos) {
         const Setting& s = setting_at(pos);
         if (s.number) {
-            std::fprintf(f.get(), "%s=%d\n", s.key, *s.number);
+            std::fprintf(f, "%s=%d\n", s.key, *s.number);
             continue;
         }
         // A value is the rest of its line: a newline in a record set over the
         // bus would start a key of its own. The record is cleaned in place,
         // so memory and file hold the same text.
         usbmgr::sanitize_value_text(s.text, s.size);
-        std::fprintf(f.get(), "%s=%.*s\n", s.key, static_cast<int>(strnlen(s.text, s.size)), s.text);
+        std::fprintf(f, "%s=%.*s\n", s.key, static_cast<int>(strnlen(s.text, s.size)), s.text);
     }
 
-    // Samba accounts live only in the file: carry them over from the copy.
+    // Samba accounts live only in the file: carry them over from the old one.
     int result = -1;
     for (int n = 0; n < kSambaUserSlots; ++n) {
         char key[DB_UTIL_KEY_SIZE] = {};
         char value[DB_UTIL_VALUE_SIZE] = {};
         usbmgr::format_str(key, "USBMGR.SAMBA.USER_NAME.%d", n);
-        result = db_util_temp_config_get_parameter_s(key, value);
+        result = db_util_config_get_parameter_s(key, value);
         if (result != 0) continue;
-        std::fprintf(f.get(), "USBMGR.SAMBA.USER_NAME.%d=%s\n", n, value);
+        std::fprintf(f, "USBMGR.SAMBA.USER_NAME.%d=%s\n", n, value);
         for (const char* item : {"USER_PASSWORD", "USER_ENABLE"}) {
             std::memset(key, 0, sizeof key);
             std::memset(value, 0, sizeof value);
             usbmgr::format_str(key, "USBMGR.SAMBA.%s.%d", item, n);
-            db_util_temp_config_get_parameter_s(key, value);
-            std::fprintf(f.get(), "USBMGR.SAMBA.%s.%d=%s\n", item, n, value);
+            db_util_config_get_parameter_s(key, value);
+            std::fprintf(f, "USBMGR.SAMBA.%s.%d=%s\n", item, n, value);
         }
     }
-    f.reset();
+    if (!file.commit()) return -1;
 
-    run_logged(usbmgr::CommandLine::exec({"rm", USBMGR_TEMP_PATH}));
     usbmgr_cfg_save();
     return result;
 }

@@ -1,10 +1,13 @@
 // The storage history file: one record per disk ever attached, keyed by its
 // serial number, holding the names and enables a management agent gave the
 // disk and its volumes. Records are found by order (a record's lines follow
-// its SERIAL_NUMBER line) and rewritten through the temporary file.
+// its SERIAL_NUMBER line) and every change writes a new file beside it and
+// renames it into place.
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <climits>
 #include <cstdarg>
 #include <cstdio>
@@ -15,6 +18,7 @@
 
 #include "app_util/app_util.h"
 #include "db_util/db_util.h"
+#include "db_util/file_writer.h"
 #include "db_util/line_reader.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
@@ -153,26 +157,40 @@ void append_volume_lines(FILE* f, int device_id, int volume, int accounts) {
     if (AUTO_CREATE_USER_ACCESS_DATA != 0) db_util_tr140_conf_append_user_access(f, device_id, volume, accounts);
 }
 
-void append_record(const char* serial, int device_id, int volumes) {
-    File f = open_file(TR140_CONF_PATH, "r+e");
-    if (!f) {
-        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Creat %s Fail ...", TR140_CONF_PATH);
-        return;
+// Copies the history file as it stands into out; false when it cannot be
+// read. A missing file is an empty one: the record starts the file.
+bool copy_history(FILE* out) {
+    usbmgr::UniqueFd fd(::open(TR140_CONF_PATH, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+    if (!fd) return errno == ENOENT;
+    char buf[4096];
+    char last = '\n';
+    for (;;) {
+        const ssize_t n = ::read(fd.get(), buf, sizeof buf);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) break;
+        if (std::fwrite(buf, 1, static_cast<std::size_t>(n), out) != static_cast<std::size_t>(n)) return false;
+        last = buf[n - 1];
     }
     // A last line cut short (power lost while it was written) has no
     // newline: the record starts on a line of its own, not glued onto it.
-    if (std::fseek(f.get(), -1, SEEK_END) == 0) {
-        const int last = std::fgetc(f.get());
-        std::fseek(f.get(), 0, SEEK_END);
-        if (last != '\n' && last != EOF) std::fputc('\n', f.get());
-    } else {
-        std::fseek(f.get(), 0, SEEK_END);
+    if (last != '\n') std::fputc('\n', out);
+    return true;
+}
+
+void append_record(const char* serial, int device_id, int volumes) {
+    usbmgr::FileReplacement file(TR140_CONF_PATH, usbmgr::kPublicFileMode);
+    if (!file || !copy_history(file.stream())) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "Creat %s Fail ...", TR140_CONF_PATH);
+        return;
     }
+    FILE* f = file.stream();
     // Without its key line the other lines would join the record before it.
-    if (!append_line(f.get(), "USBMGR.%d.SERIAL_NUMBER=%s\n", device_id, serial)) return;
-    append_line(f.get(), "USBMGR.%d.PNAME=\n", device_id);
+    if (!append_line(f, "USBMGR.%d.SERIAL_NUMBER=%s\n", device_id, serial)) return;
+    append_line(f, "USBMGR.%d.PNAME=\n", device_id);
     const int accounts = AUTO_CREATE_USER_ACCESS_DATA != 0 ? app_util_get_number_of_samba_users() : 0;
-    for (int v = 0; v < volumes; ++v) append_volume_lines(f.get(), device_id, v, accounts);
+    for (int v = 0; v < volumes; ++v) append_volume_lines(f, device_id, v, accounts);
+    file.commit();
 }
 
 // First and last device id by line position. Every int is a possible id, so
@@ -274,9 +292,9 @@ int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context) {
     if (filter == nullptr) return -1;
     File in = open_file(TR140_CONF_PATH, "re");
     if (!in) return -1;
-    File out = open_file(TR140_TEMP_PATH, "we");
+    usbmgr::FileReplacement out(TR140_CONF_PATH, usbmgr::kPublicFileMode);
     if (!out) return -1;
-    Tr140FilterOut writer(out.get());
+    Tr140FilterOut writer(out.stream());
     char line[DB_UTIL_LINE_SIZE];
     std::string whole;
     while (std::size_t len = usbmgr::read_line_piece(in.get(), line)) {
@@ -292,10 +310,7 @@ int db_util_tr140_conf_filter_lines(Tr140LineFilter filter, void* context) {
         filter(parsed, writer, context);
     }
     in.reset();
-    out.reset();
-    std::remove(TR140_CONF_PATH);
-    db_util_exe_command(usbmgr::CommandLine::exec({"mv", TR140_TEMP_PATH, TR140_CONF_PATH}));
-    return 0;
+    return out.commit() ? 0 : -1;
 }
 
 int db_util_tr140_conf_split_key(char* key, Tr140ConfKey* out) {
@@ -400,8 +415,6 @@ int db_util_tr140_conf_record_new_sn(const char* serial, int volumes) {
                 db_util_tr140_conf_delete_device(first);
             new_id = last + 1;
         }
-    } else {
-        File created = open_file(TR140_CONF_PATH, "we");
     }
     append_record(sn, new_id, volumes);
     usbmgr_cfg_save();

@@ -55,6 +55,22 @@ bool disk_util_path_names(std::string_view path, const char* name);
 // ---------------------------------------------------------------------------
 // Device nodes and mounting
 
+// What a folder of the mount root is wanted for.
+enum class DiskFolderUse {
+    mount_root,  // the mount root itself
+    mount_on,    // a partition's folder, before it is mounted
+    share,       // a partition's folder, to be shared
+};
+// True when the folder may be used so: the mount root is a real folder (not
+// a link), owned by root and writable by nobody else (the group only when
+// it is root's); a partition's folder (name: sda1) is a real folder in it,
+// and either already a mount point or, to mount on, owned and writable as
+// the root is; to share, it must be a mount point (a volume mounted there).
+// No link is ever followed. Otherwise logs "refusing folder %s: %s" with
+// the reason (ERROR; DEBUG when a folder to share is missing or not mounted)
+// and is false.
+bool disk_util_folder_ok(DiskFolderUse use, const char* name = nullptr);
+
 int disk_util_create_dev_folder();   // 0 or errno (17 exists)
 int disk_util_create_root_folder();  // 0 or errno (17 exists)
 int disk_util_dev_node_exist(const char* name);  // 1 exists, 0 not

@@ -29,6 +29,7 @@ constexpr unsigned long kUmountRetryUs = 3000000;
 constexpr std::size_t kMaxNameLen = 31;
 constexpr int kMaxPartition = 15;          // the sixteen minors of a disk: itself and 15 partitions
 constexpr long kMaxSerialMinor = 1048575;  // the kernel's largest minor number
+constexpr const char kMountOptions[] = "nosuid,nodev";
 
 using usbmgr::DirPtr;
 
@@ -257,12 +258,16 @@ int disk_util_mount_fs(const char* device, const char* folder) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s already exist", folder);
         return 0;
     }
-    usbmgr::runner().run(usbmgr::CommandLine::exec({"mount", "-v", "-t", "auto", device, folder}), /*capture=*/false);
+    // A disk brought in by anyone must not bring set-user-id programs or
+    // device nodes with it.
+    usbmgr::runner().run(usbmgr::CommandLine::exec({"mount", "-v", "-t", "auto", "-o", kMountOptions, device, folder}),
+                         /*capture=*/false);
     if (disk_util_is_mounted(folder)) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s auto %s success", device, folder);
         return 0;
     }
-    usbmgr::runner().run(usbmgr::CommandLine::exec({"/bin/ntfs-3g", device, folder}), /*capture=*/false);
+    usbmgr::runner().run(usbmgr::CommandLine::exec({"/bin/ntfs-3g", "-o", kMountOptions, device, folder}),
+                         /*capture=*/false);
     // The NTFS attempt counts as a success whatever the check shows.
     disk_util_is_mounted(folder);
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s NTFS %s success", device, folder);
@@ -303,6 +308,8 @@ void disk_util_mount_storage(char* list) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "create folder %s success", MOUNT_DISK_PATH);
     }
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "the %s exist.", MOUNT_DISK_PATH);
+    // Made here or found: either way it must be root's own folder.
+    if (!disk_util_folder_ok(DiskFolderUse::mount_root)) return;
 
     char* save = nullptr;
     char* name = strtok_r(list, ",", &save);
@@ -325,6 +332,9 @@ void disk_util_mount_storage(char* list) {
             USBMGR_TRACE(USBMGR_LOG_DEBUG, "folder %s exist", folder);
         else
             USBMGR_TRACE(USBMGR_LOG_DEBUG, "create folder %s success", folder);
+        // mkdir never replaces a link or a folder planted in its way: look
+        // at what stands there now before mounting on it.
+        if (!disk_util_folder_ok(DiskFolderUse::mount_on, name)) continue;
         disk_util_create_block_dev_node(name);
         char device[kPathSize];
         node_path(device, name);

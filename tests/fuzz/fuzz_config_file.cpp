@@ -41,8 +41,8 @@ void check_string_getters(const std::string& key, std::size_t small) {
     if (result == 0 && std::strchr(full.bytes.get(), '\n')) fuzz::finding("value holding its line end", key);
     const std::string value(full.bytes.get());
 
-    // The same bytes under the other two names answer the same.
-    for (StringGetter get : {db_util_tr140_conf_get_parameter_s, db_util_temp_config_get_parameter_s}) {
+    // The same bytes under the other name answer the same.
+    for (StringGetter get : {db_util_tr140_conf_get_parameter_s}) {
         Buffer out(DB_UTIL_VALUE_SIZE);
         if (get(key.c_str(), out.bytes.get(), out.size) != result || value != out.bytes.get())
             fuzz::finding("getters of files with the same bytes disagree", key);
@@ -141,7 +141,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     const std::string content(reinterpret_cast<const char*>(data), size);
     fuzz::write_file(USBMGR_CONF_PATH, content);
     fuzz::write_file(TR140_CONF_PATH, content);
-    fuzz::write_file(USBMGR_TEMP_PATH, content);
 
     std::vector<std::string> keys = input_keys(content);
     for (const auto& key : real_keys()) keys.push_back(key);

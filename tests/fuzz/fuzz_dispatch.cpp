@@ -68,7 +68,7 @@ void check_state(const fuzz::KeyValueCheck& settings, const fuzz::KeyValueCheck&
     if (b.write_index < 0 || b.write_index >= USBMGR_EVT_BUFFER_SIZE || b.read_index < 0 ||
         b.read_index >= USBMGR_EVT_BUFFER_SIZE)
         fuzz::finding("change-kind ring index out of range", after);
-    if (fuzz::file_exists(TR140_TEMP_PATH)) fuzz::finding("temporary history file left behind", after);
+    if (fuzz::temp_left_beside(TR140_CONF_PATH)) fuzz::finding("temporary history file left behind", after);
 }
 
 }  // namespace

@@ -169,7 +169,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     for (int i = 0; i < kMaxOperations && !in.empty(); ++i) {
         const char* what = ops.run();
         check.check(TR140_CONF_PATH, what);
-        if (fuzz::file_exists(TR140_TEMP_PATH)) fuzz::finding("temporary history file left behind", what);
+        if (fuzz::temp_left_beside(TR140_CONF_PATH)) fuzz::finding("temporary history file left behind", what);
     }
     return 0;
 }

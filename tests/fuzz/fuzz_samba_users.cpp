@@ -156,7 +156,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
             const int allowed = it == before.end() || it->second < 1 ? 1 : it->second;
             if (n > allowed) fuzz::finding("user key written twice", key + " after " + what);
         }
-        if (fuzz::file_exists(USBMGR_TEMP_PATH)) fuzz::finding("temporary settings file left behind", what);
+        if (fuzz::temp_left_beside(USBMGR_CONF_PATH)) fuzz::finding("temporary settings file left behind", what);
     }
     return 0;
 }

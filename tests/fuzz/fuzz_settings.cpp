@@ -128,7 +128,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     check.check(USBMGR_CONF_PATH, "save");
     const std::string saved = fuzz::read_file(USBMGR_CONF_PATH);
     check_all_keys(saved);
-    if (fuzz::file_exists(USBMGR_TEMP_PATH)) fuzz::finding("settings copy left behind by the save", USBMGR_TEMP_PATH);
+    if (fuzz::temp_left_beside(USBMGR_CONF_PATH)) fuzz::finding("new settings file left behind by the save", USBMGR_CONF_PATH);
 
     clear_records();
     if (usbmgr_conf_load() != 1) fuzz::finding("saved settings file does not load whole", saved);

@@ -51,12 +51,8 @@ const char* const kExecFormats[] = {
     "rm -f /var/dev/%n",
     "rm -R %a",
     "rm -rf %a",
-    "rm /tmp/usbmgr.temp",
-    "mv /tmp/tr140.temp /var/config/tr140.conf",
-    "mv /tmp/usbmgr.temp /var/config/usbmgr.conf",
-    "cp /var/config/usbmgr.conf /tmp/usbmgr.temp",
-    "mount -v -t auto /var/dev/%n %a",
-    "/bin/ntfs-3g /var/dev/%n %a",
+    "mount -v -t auto -o nosuid,nodev /var/dev/%n %a",
+    "/bin/ntfs-3g -o nosuid,nodev /var/dev/%n %a",
     "umount %a",
     "orbcm_util cfg save",
     "killall minidlnad",
@@ -193,11 +189,6 @@ std::string between(const std::string& text, const std::string& prefix, const st
 }
 
 bool starts_with(const std::string& s, const char* prefix) { return s.rfind(prefix, 0) == 0; }
-
-void copy_file(const std::string& from, const std::string& to) {
-    if (!file_exists(from.c_str())) return;
-    write_file(to.c_str(), read_file(from.c_str()));
-}
 
 bool warn_hidden_path(const char* arg) {
     const char* path = std::strchr(arg, '=');
@@ -364,19 +355,11 @@ void World::do_exec(const std::vector<std::string>& argv) {
     if (program == "mknod") {
         write_file(argv[1].c_str(), "");
     } else if (program == "rm") {
-        if (argv[1] == "-f" || argv[1] == USBMGR_TEMP_PATH) unlink(argv.back().c_str());
-    } else if (program == "mv") {
-        // /tmp and /var are separate file systems: mv copies, then removes.
-        if (std::rename(argv[1].c_str(), argv[2].c_str()) != 0 && file_exists(argv[1].c_str())) {
-            copy_file(argv[1], argv[2]);
-            unlink(argv[1].c_str());
-        }
-    } else if (program == "cp") {
-        copy_file(argv[1], argv[2]);
+        if (argv[1] == "-f") unlink(argv.back().c_str());
     } else if (program == "mount") {
-        if ((answers_.next(0) & 3) != 1) mounts_[argv[5]] = {argv[4], "ext4"};
+        if ((answers_.next(0) & 3) != 1) mounts_[argv[7]] = {argv[6], "ext4"};
     } else if (program == "/bin/ntfs-3g") {
-        if ((answers_.next(0) & 3) != 2) mounts_[argv[2]] = {argv[1], "fuseblk"};
+        if ((answers_.next(0) & 3) != 2) mounts_[argv[4]] = {argv[3], "fuseblk"};
     } else if (program == "umount") {
         auto it = mounts_.find(argv[1]);
         if (it == mounts_.end()) return;
@@ -454,6 +437,22 @@ void write_file(const char* path, std::string_view bytes) {
 }
 
 bool file_exists(const char* path) { return access(path, F_OK) == 0; }
+
+bool temp_left_beside(const char* target) {
+    const std::string t = target;
+    const std::size_t slash = t.rfind('/');
+    const std::string folder = slash == 0 ? "/" : t.substr(0, slash);
+    const std::string prefix = t.substr(slash + 1) + ".";
+    DIR* dir = opendir(folder.c_str());
+    if (dir == nullptr) return false;
+    bool left = false;
+    while (dirent* e = readdir(dir)) {
+        const std::string name = e->d_name;
+        if (name.size() == prefix.size() + 6 && name.rfind(prefix, 0) == 0) left = true;
+    }
+    closedir(dir);
+    return left;
+}
 
 const std::vector<std::string>& setting_keys() {
     static const std::vector<std::string> keys = {

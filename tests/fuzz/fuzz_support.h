@@ -117,6 +117,8 @@ const std::string& factory_settings();
 std::string read_file(const char* path);
 void write_file(const char* path, std::string_view bytes);
 bool file_exists(const char* path);
+// True when a replacement of target left its new file ("<target>.XXXXXX") behind.
+bool temp_left_beside(const char* target);
 
 // The 38 keys of the settings file.
 const std::vector<std::string>& setting_keys();

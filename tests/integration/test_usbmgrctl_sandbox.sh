@@ -26,7 +26,7 @@ check "both partitions mount as ext4" [ "$(findmnt -rn -o FSTYPE /tmp/m1)$(findm
 make_disk_image /tmp/ntfs.img 32 ntfs 1
 attach_disk sdc /tmp/ntfs.img >/dev/null
 mkdir -p /tmp/n1
-/bin/ntfs-3g /var/dev/sdc1 /tmp/n1
+/bin/ntfs-3g -o nosuid,nodev /var/dev/sdc1 /tmp/n1
 check "NTFS partition mounts through ntfs-3g" [ "$(findmnt -rn -o FSTYPE /tmp/n1)" = fuseblk ]
 check "NTFS volume is writable" bash -c 'echo data >/tmp/n1/file && [ "$(cat /tmp/n1/file)" = data ]'
 

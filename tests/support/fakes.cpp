@@ -10,7 +10,7 @@ namespace testing_support {
 MountTable::MountTable(std::initializer_list<std::string> mounted) : mounted_(mounted) {}
 
 std::string MountTable::respond(const std::string& text) {
-    static const std::string kMount = "mount -v -t auto ";
+    static const std::string kMount = "mount -v -t auto -o nosuid,nodev ";
     static const std::string kUmount = "umount ";
     static const std::string kCheck = "mount | grep ";
     std::lock_guard<std::mutex> lock(mutex_);

@@ -21,7 +21,7 @@ class FakeRunner;
 inline constexpr unsigned long kDeferral = 900000;
 
 // Answers "mount | grep FOLDER" from a set of mounted folders, which
-// "mount -v -t auto DEVICE FOLDER" adds to and "umount FOLDER" removes
+// "mount -v -t auto -o nosuid,nodev DEVICE FOLDER" adds to and "umount FOLDER" removes
 // from, the way the kernel's mount table would.
 class MountTable {
 public:

@@ -1,6 +1,7 @@
 #include "test_support.h"
 
 #include <dirent.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -154,6 +155,39 @@ const std::string& factory_settings() {
 void write_file(const std::string& path, const std::string& text) {
     std::ofstream f(path, std::ios::binary | std::ios::trunc);
     f << text;
+}
+
+bool temp_left_beside(const std::string& target) {
+    const std::size_t slash = target.rfind('/');
+    const std::string folder = slash == 0 ? "/" : target.substr(0, slash);
+    const std::string prefix = target.substr(slash + 1) + ".";
+    DIR* dir = opendir(folder.c_str());
+    if (dir == nullptr) return false;
+    bool left = false;
+    while (dirent* e = readdir(dir)) {
+        const std::string name = e->d_name;
+        if (name.size() == prefix.size() + 6 && name.rfind(prefix, 0) == 0) left = true;
+    }
+    closedir(dir);
+    return left;
+}
+
+ReadOnlyFolder::ReadOnlyFolder(std::string folder) : folder_(std::move(folder)) {
+    if (mount(folder_.c_str(), folder_.c_str(), nullptr, MS_BIND, nullptr) != 0) return;
+    ok_ = mount(nullptr, folder_.c_str(), nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) == 0;
+    if (!ok_) umount2(folder_.c_str(), MNT_DETACH);
+}
+
+ReadOnlyFolder::~ReadOnlyFolder() {
+    if (ok_) umount2(folder_.c_str(), MNT_DETACH);
+}
+
+TmpfsMount::TmpfsMount(std::string folder) : folder_(std::move(folder)) {
+    ok_ = mount("tmpfs", folder_.c_str(), "tmpfs", 0, "mode=0755,size=1m") == 0;
+}
+
+TmpfsMount::~TmpfsMount() {
+    if (ok_) umount2(folder_.c_str(), MNT_DETACH);
 }
 
 std::string read_file(const std::string& path) {

@@ -107,6 +107,37 @@ void write_file(const std::string& path, const std::string& text);
 std::string read_file(const std::string& path);
 std::vector<std::string> read_lines(const std::string& path);
 bool file_exists(const std::string& path);
+// True when a new file of a replacement of target ("<target>.XXXXXX") was
+// left in target's folder.
+bool temp_left_beside(const std::string& target);
+// Makes folder read-only (a read-only bind mount of itself) for its
+// lifetime, so that nothing, root included, can make a file in it.
+class ReadOnlyFolder {
+public:
+    explicit ReadOnlyFolder(std::string folder);
+    ReadOnlyFolder(const ReadOnlyFolder&) = delete;
+    ReadOnlyFolder& operator=(const ReadOnlyFolder&) = delete;
+    ~ReadOnlyFolder();
+    bool ok() const { return ok_; }
+
+private:
+    std::string folder_;
+    bool ok_ = false;
+};
+// A small tmpfs mounted on folder for its lifetime: a mount point, as a
+// volume's folder is once its disk is mounted.
+class TmpfsMount {
+public:
+    explicit TmpfsMount(std::string folder);
+    TmpfsMount(const TmpfsMount&) = delete;
+    TmpfsMount& operator=(const TmpfsMount&) = delete;
+    ~TmpfsMount();
+    bool ok() const { return ok_; }
+
+private:
+    std::string folder_;
+    bool ok_ = false;
+};
 // Removes everything below dir, keeps dir.
 void empty_dir(const std::string& dir);
 

@@ -347,6 +347,10 @@ TEST_F(SambaConfFile, WriteSharesEveryEnabledFolderOfTheMountRoot) {
     mkdir("/tmp/disk", 0775);
     mkdir("/tmp/disk/sda1", 0775);
     mkdir("/tmp/disk/sda2", 0775);
+    // Shared are the folders the volumes are mounted on.
+    testing_support::TmpfsMount sda1("/tmp/disk/sda1");
+    testing_support::TmpfsMount sda2("/tmp/disk/sda2");
+    if (!sda1.ok() || !sda2.ok()) GTEST_SKIP() << "no tmpfs mounts here";
     umask(022);
     fake::reset();
     app_util_write_samba_conf();
@@ -359,6 +363,38 @@ TEST_F(SambaConfFile, WriteSharesEveryEnabledFolderOfTheMountRoot) {
     EXPECT_EQ(st.st_mode & 07777, 0644u);
     ASSERT_EQ(stat("/var/samba", &st), 0);
     EXPECT_TRUE(S_ISDIR(st.st_mode));
+}
+
+TEST_F(SambaConfFile, OnlyFoldersAVolumeIsMountedOnAreSharedNeverALinkOrAnEmptyFolder) {
+    load_factory_settings();
+    attach_disk_with_history();
+    mkdir("/tmp/disk", 0755);
+    mkdir("/tmp/disk/sda1", 0755);
+    // A link to "/" and a folder no volume is mounted on.
+    ASSERT_EQ(symlink("/", "/tmp/disk/sdb1"), 0);
+    mkdir("/tmp/disk/sdc1", 0755);
+    testing_support::TmpfsMount sda1("/tmp/disk/sda1");
+    if (!sda1.ok()) GTEST_SKIP() << "no tmpfs mounts here";
+    fake::reset();
+    app_util_write_samba_conf();
+    auto lines = read_lines(kConf);
+    EXPECT_EQ(share_lines(lines), section("[Music]", "Music (sda1) shared disk", "sda1"));
+    EXPECT_TRUE(fake::logged("refusing folder /tmp/disk/sdb1: a link"));
+    EXPECT_TRUE(fake::logged("refusing folder /tmp/disk/sdc1: not a mount point"));
+    for (const auto& l : lines) EXPECT_NE(l, "   path = /tmp/disk/sdb1");
+}
+
+TEST_F(SambaConfFile, AMountRootThatIsALinkSharesNothing) {
+    load_factory_settings();
+    mkdir("/tmp/real", 0755);
+    mkdir("/tmp/real/sda1", 0755);
+    ASSERT_EQ(symlink("/tmp/real", "/tmp/disk"), 0);
+    testing_support::TmpfsMount sda1("/tmp/real/sda1");
+    if (!sda1.ok()) GTEST_SKIP() << "no tmpfs mounts here";
+    fake::reset();
+    app_util_write_samba_conf();
+    EXPECT_EQ(read_lines(kConf), kGlobalLines);
+    EXPECT_TRUE(fake::logged("refusing folder /tmp/disk: a link"));
 }
 
 TEST_F(SambaConfFile, MountRootThatCannotBeListedLeavesTheGlobalSectionOnly) {

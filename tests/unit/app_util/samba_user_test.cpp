@@ -97,7 +97,6 @@ TEST_F(SambaUserSlots, UserWithoutPasswordLineAnswersMinusOneWithNameFilled) {
 
 namespace {
 
-const std::string kMv = "mv /tmp/usbmgr.temp /var/config/usbmgr.conf";
 const std::string kSave = "orbcm_util cfg save";
 const std::string kMapPath = "/var/samba/usermap";
 const Lines kHead = {"USBMGR.MOUNT_DISK_PATH=/var/usb", "USBMGR.SAMBA.USERNAME_MAP=admin"};
@@ -125,9 +124,9 @@ TEST_F(SambaUsers, AddingToAnEmptyTableWritesSlotZerosThreeLinesAtTheEnd) {
     write_lines(USBMGR_CONF_PATH, join({kHead, kTail}));
     EXPECT_EQ(app_util_add_samba_user("alice", "secret", 1), 0);
     EXPECT_EQ(settings(), join({kHead, kTail, slot_lines(0, "alice", "secret", 1)}));
-    EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, add_cmd("alice", "secret")}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kSave, add_cmd("alice", "secret")}));
     EXPECT_EQ(map_file(), "admin = alice");
-    EXPECT_FALSE(testing_support::file_exists(USBMGR_TEMP_PATH));
+    EXPECT_FALSE(testing_support::temp_left_beside(USBMGR_CONF_PATH));
 }
 
 TEST_F(SambaUsers, PdbeditRunsWithoutAShellWithNameAndPasswordAsSingleArguments) {
@@ -135,10 +134,10 @@ TEST_F(SambaUsers, PdbeditRunsWithoutAShellWithNameAndPasswordAsSingleArguments)
     write_lines(USBMGR_CONF_PATH, kHead);
     EXPECT_EQ(app_util_add_samba_user("al;ice", "se cret$(x)", 1), 0);
     const auto calls = seams.runner.calls();
-    ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[2].text, "/bin/pdbedit -a -u al;ice -T se cret$(x) -A");
-    EXPECT_FALSE(calls[2].shell);
-    EXPECT_EQ(calls[2].argv, (Lines{"/bin/pdbedit", "-a", "-u", "al;ice", "-T", "se cret$(x)", "-A"}));
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].text, "/bin/pdbedit -a -u al;ice -T se cret$(x) -A");
+    EXPECT_FALSE(calls[1].shell);
+    EXPECT_EQ(calls[1].argv, (Lines{"/bin/pdbedit", "-a", "-u", "al;ice", "-T", "se cret$(x)", "-A"}));
     EXPECT_TRUE(fake::logged("run command : /bin/pdbedit -a -u al;ice -T se cret$(x) -A"));
 }
 
@@ -151,8 +150,8 @@ TEST_F(SambaUsers, PasswordBeginningWithADashIsKeptAndPassedAsTheValueOfT) {
     EXPECT_EQ(app_util_add_samba_user("alice", "-A", 1), 0);
     EXPECT_EQ(settings(), join({kHead, slot_lines(0, "alice", "-A", 1)}));
     const auto calls = seams.runner.calls();
-    ASSERT_EQ(calls.size(), 3u);
-    EXPECT_EQ(calls[2].argv, (Lines{"/bin/pdbedit", "-a", "-u", "alice", "-T", "-A", "-A"}));
+    ASSERT_EQ(calls.size(), 2u);
+    EXPECT_EQ(calls[1].argv, (Lines{"/bin/pdbedit", "-a", "-u", "alice", "-T", "-A", "-A"}));
 }
 
 TEST_F(SambaUsers, AddingWhenSlotsZeroOneAndThreeAreUsedGivesSlotTwoBeforeTheNextUserLineAfterSlotOne) {
@@ -164,7 +163,7 @@ TEST_F(SambaUsers, AddingWhenSlotsZeroOneAndThreeAreUsedGivesSlotTwoBeforeTheNex
                                 {"USBMGR.SAMBA.WORKGROUP=HOME"}, slot_lines(2, "carol", "c", 0),
                                 slot_lines(3, "dave", "d", 1), kTail}));
     // Disabled: no pdbedit, and not in the map.
-    EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kSave}));
     EXPECT_EQ(map_file(), "admin = alice bob dave");
 }
 
@@ -225,17 +224,18 @@ TEST_F(SambaUsers, AddingWithoutSettingsFileMovesTheTemporaryFileAndAnswersMinus
     set_map();
     EXPECT_EQ(app_util_add_samba_user("alice", "a", 1), -1);
     EXPECT_TRUE(fake::logged("File /var/config/usbmgr.conf not found ..."));
-    EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, add_cmd("alice", "a")}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kSave, add_cmd("alice", "a")}));
 }
 
-TEST_F(SambaUsers, AddingWhenTheTemporaryFileCannotBeMadeChangesNothing) {
+TEST_F(SambaUsers, AddingWhenTheNewSettingsFileCannotBeMadeChangesNothing) {
     set_map();
     write_lines(USBMGR_CONF_PATH, kHead);
-    mkdir(USBMGR_TEMP_PATH, 0755);
+    testing_support::ReadOnlyFolder read_only("/var/config");
+    if (!read_only.ok()) GTEST_SKIP() << "no read-only bind mount here";
     EXPECT_EQ(app_util_add_samba_user("alice", "a", 1), -1);
     EXPECT_EQ(settings(), kHead);
     EXPECT_TRUE(seams.runner.texts().empty());
-    EXPECT_TRUE(fake::logged("Create File /tmp/usbmgr.temp Fail ..."));
+    EXPECT_TRUE(fake::logged("Create File /var/config/usbmgr.conf Fail ..."));
 }
 
 TEST_F(SambaUsers, NamesAndPasswordsThatCannotStandOnOneLineAreRefusedAndChangeNothing) {
@@ -289,7 +289,7 @@ TEST_F(SambaUsers, RemovingDropsTheSlotsLinesAndRunsTheDeleteCommand) {
                 join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 1), kTail}));
     EXPECT_EQ(app_util_remove_samba_user("alice"), 0);
     EXPECT_EQ(settings(), join({kHead, slot_lines(1, "bob", "b", 1), kTail}));
-    EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, remove_cmd("alice")}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kSave, remove_cmd("alice")}));
     EXPECT_EQ(map_file(), "admin = bob");
 }
 
@@ -320,7 +320,7 @@ TEST_F(SambaUsers, WithSlotTwentyFourInUseRemovingAnUnknownNameRemovesTheUserOfS
                 join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(24, "zed", "z", 1)}));
     EXPECT_EQ(app_util_remove_samba_user("nobody"), 0);
     EXPECT_EQ(settings(), join({kHead, slot_lines(24, "zed", "z", 1)}));
-    EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, remove_cmd("nobody")}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kSave, remove_cmd("nobody")}));
 }
 
 TEST_F(SambaUsers, ModifyingRewritesTheSlotsLinesInPlaceAndReaddsAnEnabledUser) {
@@ -329,7 +329,7 @@ TEST_F(SambaUsers, ModifyingRewritesTheSlotsLinesInPlaceAndReaddsAnEnabledUser) 
                 join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "b", 0), kTail}));
     EXPECT_EQ(app_util_modify_samba_user("bob", "new", 1), 0);
     EXPECT_EQ(settings(), join({kHead, slot_lines(0, "alice", "a", 1), slot_lines(1, "bob", "new", 1), kTail}));
-    EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, remove_cmd("bob"), add_cmd("bob", "new")}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kSave, remove_cmd("bob"), add_cmd("bob", "new")}));
     EXPECT_EQ(map_file(), "admin = alice bob");
 }
 
@@ -338,7 +338,7 @@ TEST_F(SambaUsers, ModifyingAUserToDisabledRunsOnlyTheDeleteCommand) {
     write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1)}));
     EXPECT_EQ(app_util_modify_samba_user("alice", "a", 0), 0);
     EXPECT_EQ(settings(), join({kHead, slot_lines(0, "alice", "a", 0)}));
-    EXPECT_EQ(seams.runner.texts(), (Lines{kMv, kSave, remove_cmd("alice")}));
+    EXPECT_EQ(seams.runner.texts(), (Lines{kSave, remove_cmd("alice")}));
     EXPECT_EQ(map_file(), "admin =");
 }
 
@@ -460,4 +460,51 @@ TEST_F(SambaUsersStartUp, FailedAccountQueryStillWritesTheMapAndAddsStoredUsers)
     app_util_perpare_samba_user(nullptr);
     EXPECT_EQ(seams.runner.texts(), (Lines{add_cmd("alice", "a")}));
     EXPECT_EQ(map_file(), "admin = alice");
+}
+
+TEST_F(SambaUsers, SambasPasswordFileIsOwnerOnlyAfterEveryPdbeditRun) {
+    set_map();
+    write_lines(USBMGR_CONF_PATH, kHead);
+    testing_support::write_file("/var/samba/smbpasswd", "");
+    chmod("/var/samba/smbpasswd", 0644);
+    // pdbedit, as a umask of 022 would have it write the file.
+    seams.runner.while_running = [](const std::string& text) {
+        if (text.rfind("/bin/pdbedit", 0) == 0) chmod("/var/samba/smbpasswd", 0644);
+    };
+    struct stat st {};
+    ASSERT_EQ(app_util_add_samba_user("alice", "a", 1), 0);
+    ASSERT_EQ(stat("/var/samba/smbpasswd", &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    ASSERT_EQ(app_util_modify_samba_user("alice", "b", 0), 0);
+    ASSERT_EQ(stat("/var/samba/smbpasswd", &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0600u);
+    struct stat conf {};
+    ASSERT_EQ(stat(USBMGR_CONF_PATH, &conf), 0);
+    EXPECT_EQ(conf.st_mode & 07777, 0600u);
+}
+
+TEST_F(SambaUsers, ALinkAtSambasPasswordFileIsNotChanged) {
+    set_map();
+    write_lines(USBMGR_CONF_PATH, kHead);
+    testing_support::write_file("/var/victim", "x");
+    chmod("/var/victim", 0644);
+    ASSERT_EQ(symlink("/var/victim", "/var/samba/smbpasswd"), 0);
+    ASSERT_EQ(app_util_add_samba_user("alice", "a", 1), 0);
+    struct stat st {};
+    ASSERT_EQ(stat("/var/victim", &st), 0);
+    EXPECT_EQ(st.st_mode & 07777, 0644u);
+}
+
+TEST_F(SambaUsers, TheUserMapIsReplacedNotWrittenThroughALinkAtItsName) {
+    set_map();
+    write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "alice", "a", 1)}));
+    testing_support::write_file("/var/victim", "root only\n");
+    ASSERT_EQ(symlink("/var/victim", kMapPath.c_str()), 0);
+    app_util_write_samba_username_map(0);
+    EXPECT_EQ(testing_support::read_file("/var/victim"), "root only\n");
+    EXPECT_EQ(map_file(), "admin = alice");
+    struct stat st {};
+    ASSERT_EQ(lstat(kMapPath.c_str(), &st), 0);
+    EXPECT_TRUE(S_ISREG(st.st_mode));
+    EXPECT_EQ(st.st_mode & 07777, 0644u);
 }

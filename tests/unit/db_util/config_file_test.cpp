@@ -158,17 +158,13 @@ TEST(KeyValueFile, SmallOutputBufferIsNeverOverrun) {
     EXPECT_EQ(out[16], 'z');
 }
 
-TEST(KeyValueFile, HistoryAndTemporaryGettersReadTheirOwnFiles) {
+TEST(KeyValueFile, HistoryGettersReadTheHistoryFile) {
     Seams seams;
     write_file(TR140_CONF_PATH, "USBMGR.0.SERIAL_NUMBER=S1\nUSBMGR.0.ENABLE.0=1\n");
-    write_file(USBMGR_TEMP_PATH, "USBMGR.SAMBA.USER_NAME.0=alice\n");
     char out[128] = {};
     EXPECT_EQ(db_util_tr140_conf_get_parameter_s("USBMGR.0.SERIAL_NUMBER", out), 0);
     EXPECT_STREQ(out, "S1");
     EXPECT_EQ(db_util_tr140_conf_get_parameter_i("USBMGR.0.ENABLE.0"), 1);
-    char user[128] = {};
-    EXPECT_EQ(db_util_temp_config_get_parameter_s("USBMGR.SAMBA.USER_NAME.0", user), 0);
-    EXPECT_STREQ(user, "alice");
 }
 
 TEST(KeyValueFile, SplitOfIndexedKeyGivesItemNameAndIndex) {

@@ -26,7 +26,7 @@ void use_mount_root() { usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk"); }
 struct MountTable {
     std::set<std::string> mounted;
     std::string respond(const std::string& text) {
-        static const std::string kMount = "mount -v -t auto ";
+        static const std::string kMount = "mount -v -t auto -o nosuid,nodev ";
         static const std::string kUmount = "umount ";
         if (text.rfind(kMount, 0) == 0) {
             std::string rest = text.substr(kMount.size());
@@ -144,12 +144,12 @@ TEST(Mounting, DiskWithTwoPartitionsGetsThreeNodesAndBothPartitionsMounted) {
         "ls /var/dev | grep sda1 2>&1",
         "mknod /var/dev/sda1 b 8 1",
         "mount | grep /tmp/disk/sda1 2>&1",
-        "mount -v -t auto /var/dev/sda1 /tmp/disk/sda1",
+        "mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1",
         "mount | grep /tmp/disk/sda1 2>&1",
         "ls /var/dev | grep sda2 2>&1",
         "mknod /var/dev/sda2 b 8 2",
         "mount | grep /tmp/disk/sda2 2>&1",
-        "mount -v -t auto /var/dev/sda2 /tmp/disk/sda2",
+        "mount -v -t auto -o nosuid,nodev /var/dev/sda2 /tmp/disk/sda2",
         "mount | grep /tmp/disk/sda2 2>&1",
     };
     EXPECT_EQ(seams.runner.texts(), expected);
@@ -210,9 +210,9 @@ TEST(Mounting, PartitionThatNothingMountsStillReportsNtfsSuccessAndLeavesAnEmpty
         "ls /var/dev | grep sda1 2>&1",
         "mknod /var/dev/sda1 b 8 1",
         "mount | grep /tmp/disk/sda1 2>&1",
-        "mount -v -t auto /var/dev/sda1 /tmp/disk/sda1",
+        "mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1",
         "mount | grep /tmp/disk/sda1 2>&1",
-        "/bin/ntfs-3g /var/dev/sda1 /tmp/disk/sda1",
+        "/bin/ntfs-3g -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1",
         "mount | grep /tmp/disk/sda1 2>&1",
     };
     EXPECT_EQ(seams.runner.texts(), expected);
@@ -223,8 +223,8 @@ TEST(Mounting, PartitionThatNothingMountsStillReportsNtfsSuccessAndLeavesAnEmpty
     EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda1 NTFS /tmp/disk/sda1 success"));
     EXPECT_FALSE(fake::logged("mount /var/dev/sda1 fail"));
     // Neither system() run is announced.
-    EXPECT_FALSE(fake::logged("run command : mount -v -t auto /var/dev/sda1 /tmp/disk/sda1"));
-    EXPECT_FALSE(fake::logged("run command : /bin/ntfs-3g /var/dev/sda1 /tmp/disk/sda1"));
+    EXPECT_FALSE(fake::logged("run command : mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"));
+    EXPECT_FALSE(fake::logged("run command : /bin/ntfs-3g -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"));
     EXPECT_TRUE(dir_is_empty("/tmp/disk/sda1"));
 }
 
@@ -580,7 +580,7 @@ TEST(MountStorage, PortLineOfFiftyCharactersAndMoreMountsOnlyWholeNames) {
     disk_util_init_mount_exist_disk();
     EXPECT_EQ(table.mounted, (std::set<std::string>{"/tmp/disk/sda10", "/tmp/disk/sda11"}));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda"));
-    EXPECT_FALSE(ran(seams, "mount -v -t auto /var/dev/sda /tmp/disk/sda"));
+    EXPECT_FALSE(ran(seams, "mount -v -t auto -o nosuid,nodev /var/dev/sda /tmp/disk/sda"));
 }
 
 TEST(MountStorage, PortLineCutByTheReadMountsOnlyWholeNames) {
@@ -662,4 +662,60 @@ TEST(Runner, CommandThatCannotStartGivesMinusOneSilently) {
     seams.runner.fail_start = true;
     EXPECT_EQ(disk_util_exe_command(usbmgr::CommandLine::exec({"umount", "/tmp/disk/sda1"})), -1);
     EXPECT_TRUE(fake::log_texts().empty());
+}
+
+TEST(Mounting, MountsTakeNosuidAndNodevAsOneOptionArgument) {
+    Seams seams;
+    use_mount_root();
+    char list[] = "sda,sda1";
+    disk_util_mount_storage(list);
+    auto calls = seams.runner.calls();
+    ASSERT_EQ(calls.size(), 9u);
+    EXPECT_EQ(calls[5].argv,
+              (std::vector<std::string>{"mount", "-v", "-t", "auto", "-o", "nosuid,nodev", "/var/dev/sda1", "/tmp/disk/sda1"}));
+    EXPECT_EQ(calls[7].argv,
+              (std::vector<std::string>{"/bin/ntfs-3g", "-o", "nosuid,nodev", "/var/dev/sda1", "/tmp/disk/sda1"}));
+}
+
+TEST(Mounting, ALinkPlantedAsAPartitionsFolderGetsNoNodeAndNoMountAndStays) {
+    Seams seams;
+    use_mount_root();
+    ASSERT_EQ(mkdir("/tmp/disk", 0755), 0);
+    ASSERT_EQ(mkdir("/tmp/elsewhere", 0755), 0);
+    ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/disk/sda1"), 0);
+    char list[] = "sda,sda1,sda2";
+    disk_util_mount_storage(list);
+    for (const auto& t : seams.runner.texts()) EXPECT_EQ(t.find("sda1"), std::string::npos) << t;
+    EXPECT_TRUE(ran(seams, "mount -v -t auto -o nosuid,nodev /var/dev/sda2 /tmp/disk/sda2"));
+    EXPECT_TRUE(fake::logged("folder /tmp/disk/sda1 exist"));
+    EXPECT_TRUE(fake::logged("refusing folder /tmp/disk/sda1: a link"));
+    struct stat st {};
+    ASSERT_EQ(lstat("/tmp/disk/sda1", &st), 0);
+    EXPECT_TRUE(S_ISLNK(st.st_mode));
+}
+
+TEST(Mounting, AFolderWritableByOthersIsNotMountedOn) {
+    Seams seams;
+    use_mount_root();
+    ASSERT_EQ(mkdir("/tmp/disk", 0755), 0);
+    ASSERT_EQ(mkdir("/tmp/disk/sda1", 0755), 0);
+    chmod("/tmp/disk/sda1", 0777);
+    char list[] = "sda,sda1";
+    disk_util_mount_storage(list);
+    EXPECT_FALSE(ran(seams, "mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"));
+    EXPECT_TRUE(fake::logged("refusing folder /tmp/disk/sda1: writable by others"));
+}
+
+TEST(Mounting, AMountRootThatIsALinkMountsNothing) {
+    Seams seams;
+    use_mount_root();
+    ASSERT_EQ(mkdir("/tmp/elsewhere", 0755), 0);
+    ASSERT_EQ(symlink("/tmp/elsewhere", "/tmp/disk"), 0);
+    char list[] = "sda,sda1";
+    disk_util_mount_storage(list);
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_EQ(fake::log_texts(),
+              (std::vector<std::string>{"mount_storage", "the /tmp/disk exist.", "refusing folder /tmp/disk: a link"}));
+    struct stat st {};
+    EXPECT_NE(stat("/tmp/elsewhere/sda1", &st), 0);
 }

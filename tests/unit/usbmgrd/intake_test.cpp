@@ -64,12 +64,12 @@ Lines mount_commands_of_sda_with_two_partitions() {
         "ls /var/dev | grep sda1 2>&1",
         "mknod /var/dev/sda1 b 8 1",
         "mount | grep /tmp/disk/sda1 2>&1",
-        "mount -v -t auto /var/dev/sda1 /tmp/disk/sda1",
+        "mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1",
         "mount | grep /tmp/disk/sda1 2>&1",
         "ls /var/dev | grep sda2 2>&1",
         "mknod /var/dev/sda2 b 8 2",
         "mount | grep /tmp/disk/sda2 2>&1",
-        "mount -v -t auto /var/dev/sda2 /tmp/disk/sda2",
+        "mount -v -t auto -o nosuid,nodev /var/dev/sda2 /tmp/disk/sda2",
         "mount | grep /tmp/disk/sda2 2>&1",
     };
 }
@@ -167,8 +167,8 @@ TEST_F(StorageArrival, TwoDisksHalfASecondApartAreBothMountedAtOnceAndNotifiedTo
 
     // Both disks are mounted before any deferred work runs.
     Lines cmds = disk_commands(seams.runner);
-    EXPECT_NE(std::find(cmds.begin(), cmds.end(), "mount -v -t auto /var/dev/sda1 /tmp/disk/sda1"), cmds.end());
-    EXPECT_NE(std::find(cmds.begin(), cmds.end(), "mount -v -t auto /var/dev/sdb1 /tmp/disk/sdb1"), cmds.end());
+    EXPECT_NE(std::find(cmds.begin(), cmds.end(), "mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"), cmds.end());
+    EXPECT_NE(std::find(cmds.begin(), cmds.end(), "mount -v -t auto -o nosuid,nodev /var/dev/sdb1 /tmp/disk/sdb1"), cmds.end());
     // The second event re-arms the one-shot alarm: it fires 900 ms after it.
     EXPECT_EQ(seams.clock.alarms(), (std::vector<unsigned long>{kDeferral, kDeferral}));
     EXPECT_TRUE(fake::sent_kinds().empty());
