@@ -6,13 +6,13 @@
 #include <stdlib.h>
 #include <string.h>
 
-#include <memory>
 #include <string>
 
 #include "db_util/owners.h"
 #include "db_util/str.h"
 #include "dusb_api.h"
 #include "platform_export.h"
+#include "sysfs_attr.h"
 
 namespace {
 
@@ -20,7 +20,6 @@ constexpr const char kDefaultRoot[] = "/sys/bus/usb/devices";
 constexpr int kFailed = 1;
 
 using usbmgr::DirPtr;
-using usbmgr::FilePtr;
 
 std::string sysfs_root() {
     const char* root = getenv("DUSB_SYSFS_ROOT");
@@ -31,39 +30,12 @@ bool is_device_entry(const char* name) {
     return name[0] != '.' && strchr(name, ':') == nullptr;
 }
 
-// Reads the first line of dir/attr into buf, without its line end; false when missing.
+// A decimal attribute (busnum, devnum); -1 when missing or not a number.
+long read_number(const std::string& dir, const char* attr) { return dusb::read_sysfs_number(dir, attr, 10); }
+
 template <size_t N>
 bool read_attr(const std::string& dir, const char* attr, char (&buf)[N]) {
-    buf[0] = '\0';
-    std::string path = dir + "/" + attr;
-    FilePtr f(fopen(path.c_str(), "re"));
-    if (!f) return false;
-    if (fgets(buf, N, f.get()) == nullptr) {
-        buf[0] = '\0';
-        return true;  // present but empty
-    }
-    buf[strcspn(buf, "\r\n")] = '\0';
-    return true;
-}
-
-// Removes leading and trailing blanks in place.
-template <size_t N>
-void trim_blanks(char (&buf)[N]) {
-    size_t start = strspn(buf, " \t");
-    size_t len = strnlen(buf + start, N - start);
-    while (len > 0 && (buf[start + len - 1] == ' ' || buf[start + len - 1] == '\t')) --len;
-    memmove(buf, buf + start, len);
-    buf[len] = '\0';
-}
-
-// A decimal attribute (busnum, devnum); -1 when missing or not a number.
-long read_number(const std::string& dir, const char* attr) {
-    char text[32];
-    if (!read_attr(dir, attr, text)) return -1;
-    char* end = nullptr;
-    long v = strtol(text, &end, 10);
-    if (end == text) return -1;
-    return v;
+    return dusb::read_sysfs_line(dir, attr, buf);
 }
 
 }  // namespace
@@ -112,7 +84,7 @@ PLATFORM_API int ApiGetUsbDeviceInfo(OrbIilHandle* /*handle*/, uint32_t len, voi
         out.address = address;
         char text[256];
         read_attr(path, "version", text);
-        trim_blanks(text);
+        dusb::trim_blanks(text);
         usbmgr::copy_str(out.usb_version, text);
         if (read_attr(path, "bcdDevice", text)) out.release_number = static_cast<int32_t>(strtol(text, nullptr, 16));
         read_attr(path, "manufacturer", text);
