@@ -33,7 +33,7 @@ if [[ $# -gt 0 && $1 =~ ^[0-9]+$ ]]; then
     shift
 fi
 all=(fuzz_config_file fuzz_settings fuzz_history fuzz_hotplug fuzz_dispatch fuzz_samba_users fuzz_user_access
-     fuzz_samba_conf fuzz_minidlna_conf)
+     fuzz_samba_conf fuzz_minidlna_conf fuzz_uevent)
 targets=("$@")
 [[ ${#targets[@]} -gt 0 ]] || targets=("${all[@]}")
 for t in "${targets[@]}"; do

@@ -231,7 +231,7 @@ export DBUS_SESSION_BUS_ADDRESS="$bus_address"
 
 # Programs and libraries of the build.
 path_dirs=""
-for prog in usbmgrd usbmgrctl; do
+for prog in usbmgrd usbmgrctl dusbd; do
     found=$(find_built "$prog" f)
     [ -n "$found" ] && path_dirs="$path_dirs$(dirname "$found"):"
 done

@@ -285,9 +285,37 @@ def minidlna_conf():
     write(t, "unterminated_fields", b"".join(text8(b"a" * 130) for f in MINIDLNA_FIELDS))
 
 
+USB_DISK = b"/devices/pci0000:00/0000:00:14.0/usb1/1-2/1-2:1.0/host6/target6:0:0/6:0:0:0/block/sdb"
+
+
+def uevent_block(action, devpath, subsystem, devtype=b"", devname=b""):
+    lines = [b"KERNEL[4711.123456] " + action + b"      " + devpath + b" (" + subsystem + b")",
+             b"ACTION=" + action, b"DEVPATH=" + devpath, b"SUBSYSTEM=" + subsystem]
+    if devname:
+        lines.append(b"DEVNAME=" + devname)
+    if devtype:
+        lines.append(b"DEVTYPE=" + devtype)
+    lines.append(b"SEQNUM=4021")
+    return b"\n".join(lines) + b"\n\n"
+
+
+def uevent():
+    t = "fuzz_uevent"
+    write(t, "stick_stream", b"\x07" + uevent_block(b"add", USB_DISK, b"block", b"disk", b"sdb") +
+          uevent_block(b"add", USB_DISK + b"/sdb1", b"block", b"partition", b"sdb1") +
+          uevent_block(b"remove", USB_DISK + b"/sdb1", b"block", b"partition", b"sdb1") +
+          uevent_block(b"remove", USB_DISK, b"block", b"disk", b"sdb"))
+    write(t, "kernel_message", b"\x00" + b"\0".join([b"add@" + USB_DISK, b"ACTION=add", b"DEVPATH=" + USB_DISK,
+                                                     b"SUBSYSTEM=block", b"DEVNAME=sdb", b"DEVTYPE=disk",
+                                                     b"SEQNUM=4021"]) + b"\0")
+    tty = b"/devices/pci0000:00/0000:00:14.0/usb1/1-3/1-3:1.0/ttyUSB0/tty/ttyUSB0"
+    write(t, "tty_crlf", b"\x02" + uevent_block(b"add", tty, b"tty", b"", b"ttyUSB0").replace(b"\n", b"\r\n"))
+    write(t, "climbing_path", b"\x01" + uevent_block(b"add", b"/devices/../../etc", b"block", b"disk", b"sdb"))
+
+
 def main():
     for f in (config_file, settings, history, hotplug, dispatch, samba_users, user_access, samba_conf,
-              minidlna_conf):
+              minidlna_conf, uevent):
         f()
     return 0
 
