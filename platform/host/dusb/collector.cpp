@@ -58,7 +58,9 @@ std::string Collector::disk_list(const std::string& disk_folder, const std::stri
         while (dirent* e = readdir(dir.get())) {
             std::string name = e->d_name;
             if (!plain_device_name(name) || name.compare(0, disk_name.size(), disk_name) != 0) continue;
-            const std::string folder = disk_folder + "/" + name;
+            std::string folder = disk_folder;
+            folder += '/';
+            folder += name;
             if (!sysfs_dir_exists(folder)) continue;
             long number = read_sysfs_number(folder, "partition", 10);
             if (number < 0) continue;

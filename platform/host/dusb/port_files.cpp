@@ -8,18 +8,19 @@
 #include <cstring>
 
 #include "db_util/owners.h"
+#include "db_util/str.h"
 #include "dusbd_log.h"
 
 namespace dusb {
 
 int PortFiles::open_dir(bool create) {
     if (create && mkdir(dir_.c_str(), 0755) != 0 && errno != EEXIST) {
-        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot create %s: %s", dir_.c_str(), strerror(errno));
+        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot create %s: %s", dir_.c_str(), usbmgr::ErrnoText(errno).c_str());
         return -1;
     }
     int fd = ::open(dir_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0 && (create || errno != ENOENT))
-        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot open the folder %s: %s", dir_.c_str(), strerror(errno));
+        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot open the folder %s: %s", dir_.c_str(), usbmgr::ErrnoText(errno).c_str());
     return fd;
 }
 
@@ -36,7 +37,7 @@ bool PortFiles::write(const std::string& port, const std::string& list) {
         ok = ok && renameat(dir.get(), temp.c_str(), dir.get(), port.c_str()) == 0;
         if (!ok) unlinkat(dir.get(), temp.c_str(), 0);
     }
-    if (!ok) DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot write %s/%s: %s", dir_.c_str(), port.c_str(), strerror(errno));
+    if (!ok) DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot write %s/%s: %s", dir_.c_str(), port.c_str(), usbmgr::ErrnoText(errno).c_str());
     return ok;
 }
 
@@ -44,7 +45,7 @@ bool PortFiles::remove(const std::string& port) {
     usbmgr::UniqueFd dir(open_dir(false));
     if (!dir) return errno == ENOENT;
     if (unlinkat(dir.get(), port.c_str(), 0) != 0 && errno != ENOENT) {
-        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot remove %s/%s: %s", dir_.c_str(), port.c_str(), strerror(errno));
+        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot remove %s/%s: %s", dir_.c_str(), port.c_str(), usbmgr::ErrnoText(errno).c_str());
         return false;
     }
     return true;

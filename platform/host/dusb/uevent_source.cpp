@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "db_util/str.h"
 #include "dusbd_log.h"
 
 namespace dusb {
@@ -20,7 +21,7 @@ constexpr int kReceiveBuffer = 1 << 20;  // a burst of a hub full of disks
 bool UeventSource::open_netlink() {
     fd_.reset(socket(AF_NETLINK, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, NETLINK_KOBJECT_UEVENT));
     if (!fd_) {
-        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot open the uevent socket: %s", strerror(errno));
+        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot open the uevent socket: %s", usbmgr::ErrnoText(errno).c_str());
         return false;
     }
     int size = kReceiveBuffer;
@@ -31,7 +32,7 @@ bool UeventSource::open_netlink() {
     addr.nl_family = AF_NETLINK;
     addr.nl_groups = kKernelGroup;
     if (bind(fd_.get(), reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0) {
-        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot join the kernel's uevent group: %s", strerror(errno));
+        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot join the kernel's uevent group: %s", usbmgr::ErrnoText(errno).c_str());
         fd_.reset();
         return false;
     }
@@ -42,7 +43,7 @@ bool UeventSource::open_netlink() {
 bool UeventSource::open_file(const std::string& path) {
     fd_.reset(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
     if (!fd_) {
-        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot open %s: %s", path.c_str(), strerror(errno));
+        DUSBD_LOG(ORBIIL_LOG_ERROR, "cannot open %s: %s", path.c_str(), usbmgr::ErrnoText(errno).c_str());
         return false;
     }
     netlink_ = false;
@@ -85,7 +86,7 @@ bool UeventSource::read_netlink(std::vector<Uevent>& out) {
                 DUSBD_LOG(ORBIIL_LOG_WARNING, "uevents lost: the socket's buffer ran over");
                 continue;
             }
-            DUSBD_LOG(ORBIIL_LOG_ERROR, "reading uevents failed: %s", strerror(errno));
+            DUSBD_LOG(ORBIIL_LOG_ERROR, "reading uevents failed: %s", usbmgr::ErrnoText(errno).c_str());
             return false;
         }
         // Only the kernel (port 0, root) speaks here; a process that sends
