@@ -38,7 +38,7 @@ public:
 
     // A USB device on port (1-2) with its descriptor files; returns its devpath.
     std::string usb_device(const std::string& port, const UsbIds& ids = {}) const {
-        const std::string dev = std::string(kHub) + "/" + port;
+        std::string dev = std::string(kHub) + "/" + port;
         file(dev, "idVendor", std::string(ids.vendor) + "\n");
         file(dev, "idProduct", std::string(ids.product) + "\n");
         file(dev, "bDeviceClass", std::string(ids.device_class) + "\n");
@@ -61,7 +61,7 @@ public:
     }
     // A disk below a SCSI device with partitions 1..parts; returns its devpath.
     std::string disk(const std::string& scsi, const std::string& name, int parts, long sectors = 15633408) const {
-        const std::string d = scsi + "/block/" + name;
+        std::string d = scsi + "/block/" + name;
         file(d, "size", std::to_string(sectors) + "\n");
         file(d, "removable", "1\n");
         for (int p = 1; p <= parts; ++p) {

@@ -57,7 +57,7 @@ TEST_F(UsbRecord, MissingFilesGiveZeroesAndEmptyTexts) {
 
 TEST_F(UsbRecord, ControlCharactersInTextsAreNeverPassedOn) {
     const std::string usb = sys_.usb_device("1-2");
-    sys_.file(usb, "manufacturer", std::string("Evil\x1b[2J\tCorp\x7f", 16) + "\n");
+    sys_.file(usb, "manufacturer", std::string("Evil\x1b[2J\tCorp\x7f", 14) + "\n");
     sys_.file(usb, "serial", std::string("SER\rIAL\0hidden", 14));
     DusbDeviceRecord r = dusb::build_usb_record(dir_.path() + usb, "sdb", true);
     EXPECT_EQ(field(r.Manufacturer, 64), "Evil_[2J_Corp_");
