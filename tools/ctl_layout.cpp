@@ -2,9 +2,9 @@
 
 #include <strings.h>
 
+#include <algorithm>
 #include <array>
 #include <cstring>
-#include <type_traits>
 
 #include "proto/commands.h"
 #include "proto/payload.h"
@@ -14,302 +14,86 @@ namespace usbmgrctl {
 
 namespace {
 
-template <typename T>
-constexpr FieldType field_type() {
-    if constexpr (std::is_array_v<T>) {
-        static_assert(std::is_same_v<std::remove_extent_t<T>, char>);
-        return FieldType::STR;
-    } else if constexpr (std::is_same_v<T, int32_t>) {
-        return FieldType::I32;
-    } else {
-        static_assert(std::is_same_v<T, uint32_t>);
-        return FieldType::U32;
-    }
+// One row of proto/payloads.def: a field, shown or (unused) not.
+struct Row {
+    Field field;
+    bool shown;
+};
+
+#define CTL_ROW_INT(name, width, offset) Row{Field{#name, offset, FieldType::I32, width}, true}
+#define CTL_ROW_UINT(name, width, offset) Row{Field{#name, offset, FieldType::U32, width}, true}
+#define CTL_ROW_TEXT(name, width, offset) Row{Field{#name, offset, FieldType::STR, width}, true}
+#define CTL_ROW_UNUSED_UINT(name, width, offset) Row{Field{#name, offset, FieldType::U32, width}, false}
+#define CTL_ROW_UNUSED_TEXT(name, width, offset) Row{Field{#name, offset, FieldType::STR, width}, false}
+
+// The rows of each payload struct, keyed by the struct, so that a
+// command's fields follow its row of the command list. A struct of the
+// command list without rows does not compile.
+template <typename Payload>
+struct PayloadRows;
+
+#define USBMGR_PAYLOAD(S, size)  \
+    template <>                  \
+    struct PayloadRows<S> {      \
+        static constexpr Row rows[] = {
+#define USBMGR_FIELD(S, kind, name, width, offset) CTL_ROW_##kind(name, width, offset),
+#define USBMGR_PAYLOAD_END(S) }; };
+#include "proto/payloads.def"
+
+#undef CTL_ROW_INT
+#undef CTL_ROW_UINT
+#undef CTL_ROW_TEXT
+#undef CTL_ROW_UNUSED_UINT
+#undef CTL_ROW_UNUSED_TEXT
+
+// End of the last row: the struct's bytes after it are its tail padding.
+template <typename Payload>
+constexpr uint32_t rows_end() {
+    uint32_t end = 0;
+    for (const Row& r : PayloadRows<Payload>::rows) end = std::max(end, r.field.offset + r.field.size);
+    return end;
 }
 
-#define CTL_FIELD(S, m) \
-    Field { #m, static_cast<uint32_t>(offsetof(S, m)), field_type<decltype(S::m)>(), static_cast<uint32_t>(sizeof(S::m)) }
-// The bytes after member m up to the end of S: the struct's tail padding.
-#define CTL_TAIL(S, m)                                                                              \
-    Field {                                                                                         \
-        "(padding)", static_cast<uint32_t>(offsetof(S, m) + sizeof(S::m)), FieldType::STR,          \
-            static_cast<uint32_t>(sizeof(S) - offsetof(S, m) - sizeof(S::m))                        \
-    }
-
-// Fields of each payload struct of the command list, keyed by the struct,
-// so that a command's fields follow its row; `unused` lists the bytes no
-// field shows on purpose. A struct of the list without fields here does
-// not compile.
 template <typename Payload>
-struct PayloadFields;
+constexpr std::size_t row_count(bool shown) {
+    std::size_t n = 0;
+    for (const Row& r : PayloadRows<Payload>::rows) n += r.shown == shown ? 1 : 0;
+    return n;
+}
 
-constexpr std::array<Field, 0> kNoUnused{};
+template <typename Payload>
+constexpr bool has_tail() {
+    return rows_end<Payload>() < sizeof(Payload);
+}
 
-template <>
-struct PayloadFields<MiniDlnaConf> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(MiniDlnaConf, enable),        CTL_FIELD(MiniDlnaConf, conf_dir),
-        CTL_FIELD(MiniDlnaConf, db_dir),        CTL_FIELD(MiniDlnaConf, log_dir),
-        CTL_FIELD(MiniDlnaConf, media_dir),     CTL_FIELD(MiniDlnaConf, log_level),
-        CTL_FIELD(MiniDlnaConf, root_container), CTL_FIELD(MiniDlnaConf, port),
-        CTL_FIELD(MiniDlnaConf, friendly_name), CTL_FIELD(MiniDlnaConf, serial),
-        CTL_FIELD(MiniDlnaConf, model_name),    CTL_FIELD(MiniDlnaConf, model_number),
-        CTL_FIELD(MiniDlnaConf, inotify),       CTL_FIELD(MiniDlnaConf, notify_interval),
-    });
-    static constexpr auto unused = std::to_array<Field>({CTL_TAIL(MiniDlnaConf, notify_interval)});
+// The fields usbmgrctl fills and prints, in wire order.
+template <typename Payload>
+constexpr auto shown_fields() {
+    std::array<Field, row_count<Payload>(true)> list{};
+    std::size_t n = 0;
+    for (const Row& r : PayloadRows<Payload>::rows)
+        if (r.shown) list[n++] = r.field;
+    return list;
+}
+
+// The bytes no field shows on purpose: the unused rows and the tail padding.
+template <typename Payload>
+constexpr auto unused_fields() {
+    std::array<Field, row_count<Payload>(false) + (has_tail<Payload>() ? 1 : 0)> list{};
+    std::size_t n = 0;
+    for (const Row& r : PayloadRows<Payload>::rows)
+        if (!r.shown) list[n++] = r.field;
+    if constexpr (has_tail<Payload>())
+        list[n] = Field{"(padding)", rows_end<Payload>(), FieldType::STR,
+                        static_cast<uint32_t>(sizeof(Payload)) - rows_end<Payload>()};
+    return list;
+}
+
+template <typename Payload>
+struct PayloadFields {
+    static constexpr auto fields = shown_fields<Payload>();
+    static constexpr auto unused = unused_fields<Payload>();
 };
-
-template <>
-struct PayloadFields<SambaConf> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(SambaConf, enable),           CTL_FIELD(SambaConf, conf_dir),
-        CTL_FIELD(SambaConf, log_file),         CTL_FIELD(SambaConf, max_log_size),
-        CTL_FIELD(SambaConf, log_level),        CTL_FIELD(SambaConf, load_printers),
-        CTL_FIELD(SambaConf, printcap_name),    CTL_FIELD(SambaConf, printing),
-        CTL_FIELD(SambaConf, security),         CTL_FIELD(SambaConf, workgroup),
-        CTL_FIELD(SambaConf, disable_netbios),  CTL_FIELD(SambaConf, netbios_name),
-        CTL_FIELD(SambaConf, server_string),    CTL_FIELD(SambaConf, usershare_allow_guests),
-        CTL_FIELD(SambaConf, guest_account),    CTL_FIELD(SambaConf, interfaces),
-        CTL_FIELD(SambaConf, bind_interfaces_only), CTL_FIELD(SambaConf, username_map),
-        CTL_FIELD(SambaConf, username_map_dir),
-    });
-    static constexpr auto unused = std::to_array<Field>({CTL_TAIL(SambaConf, username_map_dir)});
-};
-
-template <>
-struct PayloadFields<CmdGetUsbSerialEnable> {
-    static constexpr auto fields = std::to_array<Field>({CTL_FIELD(CmdGetUsbSerialEnable, enable)});
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSetUsbSerialEnable> {
-    static constexpr auto fields =
-        std::to_array<Field>({CTL_FIELD(CmdSetUsbSerialEnable, enable), CTL_FIELD(CmdSetUsbSerialEnable, status)});
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSetConf> {
-    static constexpr auto fields = std::to_array<Field>({CTL_FIELD(CmdSetConf, name), CTL_FIELD(CmdSetConf, value)});
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdNumber> {
-    static constexpr auto fields = std::to_array<Field>({CTL_FIELD(CmdNumber, number)});
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSambaUserSlot> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdSambaUserSlot, index), CTL_FIELD(CmdSambaUserSlot, enable), CTL_FIELD(CmdSambaUserSlot, name),
-        CTL_FIELD(CmdSambaUserSlot, password), CTL_FIELD(CmdSambaUserSlot, result),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSambaUser> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdSambaUser, enable), CTL_FIELD(CmdSambaUser, name), CTL_FIELD(CmdSambaUser, password),
-        CTL_FIELD(CmdSambaUser, result),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdNumberOfStorageService> {
-    static constexpr auto fields = std::to_array<Field>({CTL_FIELD(CmdNumberOfStorageService, number)});
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdStorageService> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdStorageService, service),
-        CTL_FIELD(CmdStorageService, Enable),
-        CTL_FIELD(CmdStorageService, PhysicalMediumNumberOfEntries),
-        CTL_FIELD(CmdStorageService, LogicalVolumeNumberOfEntries),
-        CTL_FIELD(CmdStorageService, UserAccountNumberOfEntries),
-        CTL_FIELD(CmdStorageService, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdStorageCapabilities> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdStorageCapabilities, service),
-        CTL_FIELD(CmdStorageCapabilities, FTPCapable),
-        CTL_FIELD(CmdStorageCapabilities, SFTPCapable),
-        CTL_FIELD(CmdStorageCapabilities, HTTPCapable),
-        CTL_FIELD(CmdStorageCapabilities, HTTPSCapable),
-        CTL_FIELD(CmdStorageCapabilities, HTTPWritable),
-        CTL_FIELD(CmdStorageCapabilities, SupportedNetworkProtocols),
-        CTL_FIELD(CmdStorageCapabilities, SupportedFileSystemTypes),
-        CTL_FIELD(CmdStorageCapabilities, VolumeEncryptionCapable),
-        CTL_FIELD(CmdStorageCapabilities, status),
-    });
-    static constexpr auto unused = std::to_array<Field>({CTL_FIELD(CmdStorageCapabilities, unused)});
-};
-
-template <>
-struct PayloadFields<CmdStorageNetInfo> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdStorageNetInfo, service),
-        CTL_FIELD(CmdStorageNetInfo, HostName),
-        CTL_FIELD(CmdStorageNetInfo, DomainName),
-        CTL_FIELD(CmdStorageNetInfo, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdStorageNetworkServer> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdStorageNetworkServer, service),   CTL_FIELD(CmdStorageNetworkServer, word1),
-        CTL_FIELD(CmdStorageNetworkServer, AFPEnable), CTL_FIELD(CmdStorageNetworkServer, NFSEnable),
-        CTL_FIELD(CmdStorageNetworkServer, SMBEnable), CTL_FIELD(CmdStorageNetworkServer, NetworkProtocolAuthReq),
-        CTL_FIELD(CmdStorageNetworkServer, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdUserAccount> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdUserAccount, service), CTL_FIELD(CmdUserAccount, user),     CTL_FIELD(CmdUserAccount, Enable),
-        CTL_FIELD(CmdUserAccount, Name),    CTL_FIELD(CmdUserAccount, Password), CTL_FIELD(CmdUserAccount, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdPhysicalMedium> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdPhysicalMedium, service),        CTL_FIELD(CmdPhysicalMedium, slot),
-        CTL_FIELD(CmdPhysicalMedium, Name),           CTL_FIELD(CmdPhysicalMedium, Vendor),
-        CTL_FIELD(CmdPhysicalMedium, Model),          CTL_FIELD(CmdPhysicalMedium, SerialNumber),
-        CTL_FIELD(CmdPhysicalMedium, FirmwareVersion), CTL_FIELD(CmdPhysicalMedium, ConnectionType),
-        CTL_FIELD(CmdPhysicalMedium, Removable),      CTL_FIELD(CmdPhysicalMedium, Capacity),
-        CTL_FIELD(CmdPhysicalMedium, Status),         CTL_FIELD(CmdPhysicalMedium, SMARTCapable),
-        CTL_FIELD(CmdPhysicalMedium, HotSwappable),   CTL_FIELD(CmdPhysicalMedium, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdLogicalVolume> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdLogicalVolume, service),    CTL_FIELD(CmdLogicalVolume, slot),
-        CTL_FIELD(CmdLogicalVolume, Name),       CTL_FIELD(CmdLogicalVolume, Status),
-        CTL_FIELD(CmdLogicalVolume, Enable),     CTL_FIELD(CmdLogicalVolume, PhysicalReference),
-        CTL_FIELD(CmdLogicalVolume, FileSystem), CTL_FIELD(CmdLogicalVolume, Capacity),
-        CTL_FIELD(CmdLogicalVolume, UsedSpace),  CTL_FIELD(CmdLogicalVolume, Encrypted),
-        CTL_FIELD(CmdLogicalVolume, FolderNumberOfEntries), CTL_FIELD(CmdLogicalVolume, status),
-    });
-    static constexpr auto unused = std::to_array<Field>({CTL_FIELD(CmdLogicalVolume, unused)});
-};
-
-template <>
-struct PayloadFields<CmdLogicalVolumeFolder> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdLogicalVolumeFolder, service),
-        CTL_FIELD(CmdLogicalVolumeFolder, slot),
-        CTL_FIELD(CmdLogicalVolumeFolder, folder),
-        CTL_FIELD(CmdLogicalVolumeFolder, Name),
-        CTL_FIELD(CmdLogicalVolumeFolder, Enable),
-        CTL_FIELD(CmdLogicalVolumeFolder, UserAccountAccess),
-        CTL_FIELD(CmdLogicalVolumeFolder, UserAccessNumberOfEntries),
-        CTL_FIELD(CmdLogicalVolumeFolder, status),
-    });
-    static constexpr auto unused = std::to_array<Field>({CTL_FIELD(CmdLogicalVolumeFolder, unused)});
-};
-
-template <>
-struct PayloadFields<CmdStorageUserAccess> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdStorageUserAccess, service),       CTL_FIELD(CmdStorageUserAccess, slot),
-        CTL_FIELD(CmdStorageUserAccess, number),        CTL_FIELD(CmdStorageUserAccess, tr140_index),
-        CTL_FIELD(CmdStorageUserAccess, UserReference), CTL_FIELD(CmdStorageUserAccess, Permissions),
-        CTL_FIELD(CmdStorageUserAccess, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSetStorageService> {
-    static constexpr auto fields =
-        std::to_array<Field>({CTL_FIELD(CmdSetStorageService, service), CTL_FIELD(CmdSetStorageService, Enable)});
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSetStorageNetworkServer> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdSetStorageNetworkServer, service),
-        CTL_FIELD(CmdSetStorageNetworkServer, SMBEnable),
-        CTL_FIELD(CmdSetStorageNetworkServer, NetworkProtocolAuthReq),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSetPhysicalMedium> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdSetPhysicalMedium, service),
-        CTL_FIELD(CmdSetPhysicalMedium, slot),
-        CTL_FIELD(CmdSetPhysicalMedium, Name),
-        CTL_FIELD(CmdSetPhysicalMedium, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdSetLogicalVolume> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdSetLogicalVolume, service), CTL_FIELD(CmdSetLogicalVolume, slot),
-        CTL_FIELD(CmdSetLogicalVolume, Enable),  CTL_FIELD(CmdSetLogicalVolume, Name),
-        CTL_FIELD(CmdSetLogicalVolume, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdAddUserAccess> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdAddUserAccess, service),     CTL_FIELD(CmdAddUserAccess, slot),
-        CTL_FIELD(CmdAddUserAccess, UserName),    CTL_FIELD(CmdAddUserAccess, Permissions),
-        CTL_FIELD(CmdAddUserAccess, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-template <>
-struct PayloadFields<CmdRemoveUserAccess> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdRemoveUserAccess, service),
-        CTL_FIELD(CmdRemoveUserAccess, slot),
-        CTL_FIELD(CmdRemoveUserAccess, number),
-        CTL_FIELD(CmdRemoveUserAccess, status),
-    });
-    static constexpr auto unused = std::to_array<Field>({CTL_FIELD(CmdRemoveUserAccess, unused)});
-};
-
-template <>
-struct PayloadFields<CmdSafeRemove> {
-    static constexpr auto fields = std::to_array<Field>({
-        CTL_FIELD(CmdSafeRemove, service),
-        CTL_FIELD(CmdSafeRemove, slot),
-        CTL_FIELD(CmdSafeRemove, status),
-    });
-    static constexpr auto unused = kNoUnused;
-};
-
-#undef CTL_TAIL
-#undef CTL_FIELD
 
 // The layout of command id, whose payload struct is Payload; a field list
 // that does not cover its struct byte for byte does not compile.

@@ -1,11 +1,14 @@
 // usbmgrctl's field lists against the command list and the payload structs.
 #include <gtest/gtest.h>
 
+#include <cstddef>
 #include <cstring>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "proto/commands.h"
+#include "proto/payload.h"
 #include "tools/ctl_layout.h"
 
 using usbmgrctl::Field;
@@ -35,7 +38,61 @@ std::vector<int> byte_owners(const Layout& l, std::string& error) {
     return owner;
 }
 
+// The rows of the payload list, with each member's place as the compiler
+// lays out the struct, and the payload struct of each command.
+struct PayloadRow {
+    std::string_view payload;
+    const char* name;
+    bool shown;
+    uint32_t offset;
+    uint32_t width;
+};
+
+const PayloadRow kPayloadRows[] = {
+#define USBMGR_PAYLOAD(S, size)
+#define USBMGR_FIELD(S, kind, name, width, offset)                                                           \
+    {#S, #name, std::string_view(#kind).substr(0, 7) != "UNUSED_", static_cast<uint32_t>(offsetof(S, name)), \
+     static_cast<uint32_t>(sizeof(S::name))},
+#define USBMGR_PAYLOAD_END(S)
+#include "proto/payloads.def"
+};
+
+struct CommandPayload {
+    uint32_t id;
+    std::string_view payload;
+};
+
+const CommandPayload kCommandPayloads[] = {
+#define USBMGR_COMMAND(id, handler, payload, flags) {id, #payload},
+#include "proto/commands.def"
+};
+
+std::string describe(const char* name, uint32_t offset, uint32_t width) {
+    return std::string(name) + "@" + std::to_string(offset) + "+" + std::to_string(width);
+}
+
 }  // namespace
+
+TEST(CtlLayout, EachCommandShowsTheFieldsOfItsPayloadStructInOrderWhereTheCompilerPutsThem) {
+    for (const auto& c : kCommandPayloads) {
+        const Layout* l = usbmgrctl::find_layout(c.id);
+        ASSERT_NE(l, nullptr) << c.id;
+        std::vector<std::string> want_shown;
+        std::vector<std::string> want_unused;
+        for (const auto& r : kPayloadRows)
+            if (r.payload == c.payload) (r.shown ? want_shown : want_unused).push_back(describe(r.name, r.offset, r.width));
+        std::vector<std::string> shown;
+        for (std::size_t i = 0; i < l->count; ++i)
+            shown.push_back(describe(l->fields[i].name, l->fields[i].offset, l->fields[i].size));
+        std::vector<std::string> unused;
+        for (std::size_t i = 0; i < l->unused_count; ++i)
+            if (std::strcmp(l->unused[i].name, "(padding)") != 0)
+                unused.push_back(describe(l->unused[i].name, l->unused[i].offset, l->unused[i].size));
+        EXPECT_FALSE(want_shown.empty()) << c.payload;
+        EXPECT_EQ(shown, want_shown) << c.id << " " << c.payload;
+        EXPECT_EQ(unused, want_unused) << c.id << " " << c.payload;
+    }
+}
 
 TEST(CtlLayout, EveryCommandOfTheListHasAFieldListOfItsDeclaredSize) {
     for (const auto& c : usbmgr_command_info) {
