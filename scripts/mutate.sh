@@ -10,7 +10,7 @@
 # scripts/mutations.txt; "--list" prints what the sources hold now, so a new
 # handler's calls can be added to it.
 #
-# usage: scripts/mutate.sh [--work DIR] [--keep] [--list] [--check] [FILTER]
+# usage: scripts/mutate.sh [--work DIR] [--list] [--check] [FILTER]
 #   --work DIR  the copy and its build (default: /var/tmp/usbmgr-mutate);
 #               kept between runs, so a second run rebuilds only what changed
 #   --list      print the changes the sources hold now and stop
