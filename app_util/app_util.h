@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "orbiil.h"
@@ -12,9 +13,11 @@
 // ---------------------------------------------------------------------------
 // Servers: process check and kill loops
 
-// 1 when "ps" lists a process whose line holds name, else 0 (also when the
-// check could not run).
+// 1 when "ps" lists a process whose command is exactly name (its path aside),
+// else 0 (also when the check could not run).
 int app_util_check_process(const char* name);
+// True when a line of a "ps" listing has name as its command's program.
+bool app_util_listing_runs(std::string_view output, std::string_view name);
 
 // ---------------------------------------------------------------------------
 // Servers: MiniDLNA

@@ -76,9 +76,62 @@ TEST_F(CheckProcess, CommandIsNotLoggedAsRunCommand) {
 
 TEST_F(CheckProcess, NameThatIsNotAPlainWordNeverRuns) {
     // Every command that starts answers with a line; the refused one does not start.
-    seams.runner.respond = [](const std::string&) { return std::string("x\n"); };
+    seams.runner.respond = [](const std::string&) { return std::string(" 1 root smbd\n"); };
     EXPECT_EQ(app_util_check_process("smbd; reboot"), 0);
     EXPECT_EQ(app_util_check_process("smbd"), 1);
+}
+
+TEST_F(CheckProcess, ProgramWhoseNameMerelyContainsTheNameIsNotRunning) {
+    seams.runner.respond = [](const std::string&) {
+        return std::string("  50 root      1200 S    smbdx\n  51 root      900 S    vi /etc/smbd.conf\n"
+                           "  52 root      900 S    sh -c smbd\n  53 root      900 S    /tmp/smbd2 -D\n");
+    };
+    EXPECT_EQ(app_util_check_process("smbd"), 0);
+    EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"check process smbd"}));
+}
+
+TEST_F(CheckProcess, CommandColumnMatchesWithItsPathInBothListingFormats) {
+    EXPECT_TRUE(app_util_listing_runs("  42 root      5000 S    /usr/sbin/smbd -D\n", "smbd"));
+    EXPECT_TRUE(app_util_listing_runs("  42 root      5000 SW<  [smbd]\n", "smbd"));
+    EXPECT_TRUE(app_util_listing_runs("  42 root      5m   S    {smbd} /usr/sbin/smbd -D\n", "smbd"));
+    EXPECT_TRUE(app_util_listing_runs("   42 ?        00:00:01 smbd\n", "smbd"));
+    EXPECT_TRUE(app_util_listing_runs("  9 root 1 S nmbd\n  42 root 1 S smbd\n", "smbd"));
+    EXPECT_FALSE(app_util_listing_runs("   42 ?        00:00:01 smbd-notifyd\n", "smbd"));
+    EXPECT_FALSE(app_util_listing_runs("   42 pts/0    00:00:00 less\n", "smbd"));
+    EXPECT_FALSE(app_util_listing_runs("  42 smbd 1 S bash\n", "smbd"));
+    EXPECT_FALSE(app_util_listing_runs("smbd\n", "smbd"));
+}
+
+TEST_F(StopMiniDlna, ServerThatNeverLeavesIsGivenUpAfterTenPassesWithOneLogLine) {
+    Processes p;
+    p.polls_left["minidlnad"] = 1000;
+    seams.runner.respond = [&](const std::string& t) { return p.respond(t); };
+    app_util_stop_minidllna();
+    EXPECT_EQ(p.checks["minidlnad"], 11);
+    EXPECT_EQ(seams.clock.sleeps(), std::vector<unsigned long>(20, 500000));
+    EXPECT_TRUE(fake::logged("stop minidlnad gave up after 10 s"));
+}
+
+TEST_F(StopSamba, ServersThatNeverLeaveAreGivenUpAfterTenPassesWithOneLogLine) {
+    Processes p;
+    p.polls_left["smbd"] = 1000;
+    p.polls_left["nmbd"] = 1000;
+    seams.runner.respond = [&](const std::string& t) { return p.respond(t); };
+    app_util_stop_samba();
+    EXPECT_EQ(p.checks["smbd"], 11);
+    EXPECT_EQ(seams.clock.sleeps(), std::vector<unsigned long>(20, 500000));
+    EXPECT_TRUE(fake::logged("stop samba gave up after 10 s"));
+}
+
+TEST_F(StopSamba, NmbdLeftAloneIsPolledOnlyUntilThePassesRunOut) {
+    Processes p;
+    p.polls_left["smbd"] = 0;
+    p.polls_left["nmbd"] = 1000;
+    seams.runner.respond = [&](const std::string& t) { return p.respond(t); };
+    app_util_stop_samba();
+    EXPECT_TRUE(without_checks(seams.runner.texts()).empty());
+    EXPECT_EQ(p.checks["nmbd"], 11);
+    EXPECT_TRUE(fake::logged("stop samba gave up after 10 s"));
 }
 
 TEST_F(StopMiniDlna, NothingRunningRunsNoKill) {
