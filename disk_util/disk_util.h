@@ -79,10 +79,18 @@ int disk_util_create_usb_serial_dev_node(const char* name);  // 0 made, -1 exist
 int disk_util_remove_usb_serial_dev_node(const char* name);  // 0, -1 could not start
 int disk_util_remove_dev_node(const char* name);
 int disk_util_is_mounted(const char* path);  // 1 mounted, 0 not
+// 0 mounted (by "mount -t auto", ntfs-3g or exFAT through FUSE), -1 when
+// nothing mounted it ("mount %s fail").
 int disk_util_mount_fs(const char* device, const char* folder);
-int disk_util_umount_fs(const char* folder);
+// What an unmount does with a volume still in use: detach it ("umount -l",
+// for a disk that is gone) or leave it mounted and report it.
+enum class DiskBusy { detach, keep };
+// One unmount attempt: 0 when the folder is no longer a mount, else -1.
+int disk_util_umount_fs(const char* folder, DiskBusy busy = DiskBusy::detach);
+// A partition nothing could mount leaves no folder behind.
 void disk_util_mount_storage(char* list);
-void disk_util_umount_storage(char* list);
+// 0, or -1 when a volume stayed mounted (its folder and node are kept).
+int disk_util_umount_storage(char* list, DiskBusy busy = DiskBusy::detach);
 int disk_util_init_mount_exist_disk();  // always 0
 int remove_all_mount_disk();            // always -1
 

@@ -11,7 +11,6 @@
 #include <cstring>
 #include <string>
 
-#include "db_util/clock.h"
 #include "db_util/log.h"
 #include "db_util/owners.h"
 #include "db_util/runner.h"
@@ -25,7 +24,6 @@ namespace {
 constexpr std::size_t kCommandSize = 100;   // every composed command line
 constexpr std::size_t kUnmountLine = 100;   // lines of the mount listing at shutdown
 constexpr std::size_t kPathSize = 128;      // mount folder and node paths
-constexpr unsigned long kUmountRetryUs = 3000000;
 constexpr std::size_t kMaxNameLen = 31;
 constexpr int kMaxPartition = 15;          // the sixteen minors of a disk: itself and 15 partitions
 constexpr long kMaxSerialMinor = 1048575;  // the kernel's largest minor number
@@ -266,33 +264,59 @@ int disk_util_mount_fs(const char* device, const char* folder) {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s auto %s success", device, folder);
         return 0;
     }
+    // Each FUSE attempt counts only when the folder is then a mount: an
+    // empty folder shared in its place would take users' files into RAM.
     usbmgr::runner().run(usbmgr::CommandLine::exec({"/bin/ntfs-3g", "-o", kMountOptions, device, folder}),
                          /*capture=*/false);
-    // The NTFS attempt counts as a success whatever the check shows.
-    disk_util_is_mounted(folder);
-    USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s NTFS %s success", device, folder);
-    return 0;
+    if (disk_util_is_mounted(folder)) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s NTFS %s success", device, folder);
+        return 0;
+    }
+    // exFAT, the file system of most large sticks, where the kernel has none.
+    usbmgr::runner().run(usbmgr::CommandLine::exec({"mount.exfat-fuse", "-o", kMountOptions, device, folder}),
+                         /*capture=*/false);
+    if (disk_util_is_mounted(folder)) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s exFAT %s success", device, folder);
+        return 0;
+    }
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "mount %s fail", device);
+    return -1;
 }
 
-int disk_util_umount_fs(const char* folder) {
+namespace {
+
+// Still listed by "mount"; a check that cannot start counts as mounted, so
+// that nothing is removed on a guess.
+bool still_mounted(const usbmgr::CommandLine& check, const char* folder) {
+    bool started = false;
+    bool mounted =
+        check_output(check, [&](const std::string& out) { return disk_util_mount_output_has(out, folder); }, &started);
+    return mounted || !started;
+}
+
+}  // namespace
+
+int disk_util_umount_fs(const char* folder, DiskBusy busy) {
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount_fs");
     auto check = usbmgr::shell_command<kCommandSize>("mount | grep %s 2>&1", folder);
-    // Without a usable check the loop below could never end.
     if (!disk_util_command_ok(check)) return -1;
-    auto umount = usbmgr::CommandLine::exec({"umount", folder});
-    for (int count = 1;; ++count) {
-        USBMGR_TRACE(USBMGR_LOG_DEBUG, "try to umount %s , count = %d", folder, count);
-        usbmgr::runner().run(umount, /*capture=*/false);
-        bool started = false;
-        auto lists_folder = [&](const std::string& out) { return disk_util_mount_output_has(out, folder); };
-        bool mounted = check_output(check, lists_folder, &started);
-        if (!started) continue;  // retry at once
-        if (!mounted) break;
-        // Busy: a file is still open on the disk; wait for it to close.
-        usbmgr::sys_clock().sleep_us(kUmountRetryUs);
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "try to umount %s , count = %d", folder, 1);
+    usbmgr::runner().run(usbmgr::CommandLine::exec({"umount", folder}), /*capture=*/false);
+    if (!still_mounted(check, folder)) {
+        USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount %s success", folder);
+        return 0;
     }
-    USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount %s success", folder);
-    return 0;
+    if (busy == DiskBusy::detach) {
+        // The disk is gone: nothing more can reach it, so whatever still
+        // holds it open must not hold the daemon too.
+        usbmgr::runner().run(usbmgr::CommandLine::exec({"umount", "-l", folder}), /*capture=*/false);
+        if (!still_mounted(check, folder)) {
+            USBMGR_TRACE(USBMGR_LOG_WARNING, "umount %s busy, detached", folder);
+            return 0;
+        }
+    }
+    USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount %s fail", folder);
+    return -1;
 }
 
 void disk_util_mount_storage(char* list) {
@@ -338,19 +362,23 @@ void disk_util_mount_storage(char* list) {
         disk_util_create_block_dev_node(name);
         char device[kPathSize];
         node_path(device, name);
-        disk_util_mount_fs(device, folder);
+        if (disk_util_mount_fs(device, folder) != 0 && err == 0) {
+            // Nothing mounted it: no writable folder stays in its place.
+            if (::rmdir(folder) == 0) USBMGR_TRACE(USBMGR_LOG_DEBUG, "remove folder %s success", folder);
+        }
     }
 }
 
-void disk_util_umount_storage(char* list) {
+int disk_util_umount_storage(char* list, DiskBusy busy) {
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount_storage");
-    if (!disk_util_accept_device_list(list)) return;
+    if (!disk_util_accept_device_list(list)) return 0;
 
     char* save = nullptr;
     char* name = strtok_r(list, ",", &save);
-    if (!name) return;
+    if (!name) return 0;
     disk_util_remove_dev_node(name);
 
+    int result = 0;
     while ((name = strtok_r(nullptr, ",", &save)) != nullptr) {
         // Never mounted: its node could not be made.
         if (!disk_util_block_name_ok(name)) {
@@ -359,8 +387,11 @@ void disk_util_umount_storage(char* list) {
         }
         char folder[kPathSize];
         if (!mount_folder(folder, name)) continue;
-        // The unmount only returns once the folder is free.
-        disk_util_umount_fs(folder);
+        if (disk_util_umount_fs(folder, busy) != 0) {
+            // Still mounted: its folder and node stay for the caller's next try.
+            result = -1;
+            continue;
+        }
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "umount %s success", folder);
         if (::rmdir(folder) == 0)
             USBMGR_TRACE(USBMGR_LOG_DEBUG, "remove folder %s success", folder);
@@ -368,6 +399,7 @@ void disk_util_umount_storage(char* list) {
             USBMGR_TRACE(USBMGR_LOG_DEBUG, "remove folder %s fail", folder);
         disk_util_remove_dev_node(name);
     }
+    return result;
 }
 
 int disk_util_init_mount_exist_disk() {
@@ -412,7 +444,14 @@ int remove_all_mount_disk() {
         // whose line merely mentions the root.
         if (!is_own_mount_folder(line)) continue;
         disk_util_exe_command(usbmgr::CommandLine::exec({"umount", line}));
-        disk_util_exe_command(usbmgr::CommandLine::exec({"rm", "-R", line}));
+        if (disk_util_is_mounted(line.c_str())) {
+            // Busy: detach it, so that the folder below is free.
+            disk_util_exe_command(usbmgr::CommandLine::exec({"umount", "-l", line}));
+        }
+        // Only an empty folder goes: whatever is still in it is a disk's, or
+        // was written there, and is never deleted here.
+        if (::rmdir(line.c_str()) != 0 && (errno == ENOTEMPTY || errno == EEXIST))
+            USBMGR_TRACE(USBMGR_LOG_WARNING, "folder %s still holds files, left alone", line.c_str());
     }
     return -1;
 }

@@ -11,6 +11,8 @@
 #include <mutex>
 
 #include "app_util/app_util.h"
+#include "db_util/clock.h"
+#include "db_util/log.h"
 #include "db_util/db_util.h"
 #include "db_util/str.h"
 #include "disk_util/disk_util.h"
@@ -21,6 +23,8 @@
 pthread_t safe_remove_id;
 
 namespace {
+
+constexpr const char kLogModule[] = "usbmgrd.c";
 
 // Workers still at work. Nobody joins a worker; shutdown (and a test) waits
 // here until every worker has done its last step.
@@ -40,15 +44,16 @@ void worker_finished() {
 
 }  // namespace
 
-void usbmgr_safe_remove_storage(const char* attach_device) {
-    usbmgr::DaemonLock lock;
-    app_util_stop_minidllna();
-    app_util_stop_samba();
-    // The whole device list, so that every volume is unmounted and forgotten
-    // however many the disk has.
+namespace {
+
+// A busy disk is tried again after this long, without the daemon lock, up
+// to kSafeRemoveAttempts times in all; then it is left mounted.
+constexpr unsigned long kSafeRemoveRetryUs = 3000000;
+constexpr int kSafeRemoveAttempts = 5;
+
+// The disk is unmounted: forget it, rebuild the model, tell and reload.
+void finish_removal(const char* attach_device) {
     char device[sizeof UsbPhysicalInfo::attach_device + 1] = {};
-    usbmgr::copy_str(device, attach_device);
-    disk_util_umount_storage(device);
     usbmgr::copy_str(device, attach_device);
     const int n = disk_util_get_number_of_disk_volume(device);
     for (int i = 0; i < n; ++i) {
@@ -64,6 +69,37 @@ void usbmgr_safe_remove_storage(const char* attach_device) {
     app_util_samba_reload_conf();
     app_util_minidlna_reload_conf(&usbmgr_iil_handle);
     usbmgr_flush_notify();
+}
+
+}  // namespace
+
+void usbmgr_safe_remove_storage(const char* attach_device) {
+    for (int attempt = 1;; ++attempt) {
+        {
+            usbmgr::DaemonLock lock;
+            app_util_stop_minidllna();
+            app_util_stop_samba();
+            // The whole device list, so that every volume is unmounted and
+            // forgotten however many the disk has.
+            char device[sizeof UsbPhysicalInfo::attach_device + 1] = {};
+            usbmgr::copy_str(device, attach_device);
+            if (disk_util_umount_storage(device, DiskBusy::keep) == 0) {
+                finish_removal(attach_device);
+                return;
+            }
+            if (attempt == kSafeRemoveAttempts) {
+                // Still in use: the disk stays, mounted and shared again.
+                USBMGR_TRACE(USBMGR_LOG_WARNING, "safe remove %s gave up: disk busy", attach_device);
+                usbmgr::copy_str(device, attach_device);
+                disk_util_mount_storage(device);
+                app_util_samba_reload_conf();
+                app_util_minidlna_reload_conf(&usbmgr_iil_handle);
+                return;
+            }
+        }
+        // Commands are answered meanwhile: the lock is not held across the wait.
+        usbmgr::sys_clock().sleep_us(kSafeRemoveRetryUs);
+    }
 }
 
 namespace {

@@ -28,6 +28,11 @@ struct MountTable {
     std::string respond(const std::string& text) {
         static const std::string kMount = "mount -v -t auto -o nosuid,nodev ";
         static const std::string kUmount = "umount ";
+        static const std::string kDetach = "umount -l ";
+        if (text.rfind(kDetach, 0) == 0) {
+            mounted.erase(text.substr(kDetach.size()));
+            return "";
+        }
         if (text.rfind(kMount, 0) == 0) {
             std::string rest = text.substr(kMount.size());
             mounted.insert(rest.substr(rest.find(' ') + 1));
@@ -198,7 +203,7 @@ TEST(Mounting, DiskWithoutPartitionsGetsANodeAndNothingIsMounted) {
     EXPECT_EQ(seams.runner.texts(), expected);
 }
 
-TEST(Mounting, PartitionThatNothingMountsStillReportsNtfsSuccessAndLeavesAnEmptyFolder) {
+TEST(Mounting, PartitionThatNothingMountsIsLoggedAsFailedAndLeavesNoFolder) {
     Seams seams;
     use_mount_root();
     char list[] = "sda,sda1";
@@ -214,18 +219,72 @@ TEST(Mounting, PartitionThatNothingMountsStillReportsNtfsSuccessAndLeavesAnEmpty
         "mount | grep /tmp/disk/sda1 2>&1",
         "/bin/ntfs-3g -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1",
         "mount | grep /tmp/disk/sda1 2>&1",
+        "mount.exfat-fuse -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1",
+        "mount | grep /tmp/disk/sda1 2>&1",
     };
     EXPECT_EQ(seams.runner.texts(), expected);
-    // mount and ntfs-3g run as system() would: output not captured.
+    // mount, ntfs-3g and mount.exfat-fuse run as system() would: output not captured.
     auto calls = seams.runner.calls();
     EXPECT_FALSE(calls[5].capture);
     EXPECT_FALSE(calls[7].capture);
-    EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda1 NTFS /tmp/disk/sda1 success"));
-    EXPECT_FALSE(fake::logged("mount /var/dev/sda1 fail"));
-    // Neither system() run is announced.
+    EXPECT_FALSE(calls[9].capture);
+    EXPECT_FALSE(calls[9].shell);
+    EXPECT_TRUE(fake::logged(4, "disk_util.c", "mount /var/dev/sda1 fail"));
+    EXPECT_FALSE(fake::logged("mount /var/dev/sda1 NTFS /tmp/disk/sda1 success"));
+    // None of the three runs is announced.
     EXPECT_FALSE(fake::logged("run command : mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"));
     EXPECT_FALSE(fake::logged("run command : /bin/ntfs-3g -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"));
+    EXPECT_FALSE(fake::logged("run command : mount.exfat-fuse -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"));
+    // No writable folder stands where the volume would have been.
+    EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda1"));
+    EXPECT_EQ(disk_util_mount_fs("/var/dev/sda1", "/tmp/disk/sda1"), -1);
+}
+
+TEST(Mounting, FolderThatWasThereBeforeIsKeptWhenNothingMounts) {
+    Seams seams;
+    use_mount_root();
+    mkdir("/tmp/disk", 0775);
+    mkdir("/tmp/disk/sda1", 0775);
+    char list[] = "sda,sda1";
+    disk_util_mount_storage(list);
+    EXPECT_TRUE(fake::logged("mount /var/dev/sda1 fail"));
     EXPECT_TRUE(dir_is_empty("/tmp/disk/sda1"));
+}
+
+TEST(Mounting, NtfsCountsOnlyWhenTheFolderIsThenMounted) {
+    Seams seams;
+    use_mount_root();
+    bool ntfs_ran = false;
+    seams.runner.respond = [&](const std::string& t) {
+        if (t == "/bin/ntfs-3g -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1") ntfs_ran = true;
+        if (t == "mount | grep /tmp/disk/sda1 2>&1" && ntfs_ran)
+            return std::string("/dev/sda1 on /tmp/disk/sda1 type fuseblk (rw)\n");
+        return std::string();
+    };
+    EXPECT_EQ(disk_util_mount_fs("/var/dev/sda1", "/tmp/disk/sda1"), 0);
+    EXPECT_TRUE(fake::logged("mount /var/dev/sda1 NTFS /tmp/disk/sda1 success"));
+    EXPECT_FALSE(ran(seams, "mount.exfat-fuse -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"));
+}
+
+TEST(Mounting, ExfatIsMountedThroughFuseAfterTheNtfsAttempt) {
+    Seams seams;
+    use_mount_root();
+    bool exfat_ran = false;
+    seams.runner.respond = [&](const std::string& t) {
+        if (t == "mount.exfat-fuse -o nosuid,nodev /var/dev/sdb1 /tmp/disk/sdb1") exfat_ran = true;
+        if (t == "mount | grep /tmp/disk/sdb1 2>&1" && exfat_ran)
+            return std::string("/dev/sdb1 on /tmp/disk/sdb1 type fuseblk (rw)\n");
+        return std::string();
+    };
+    char list[] = "sdb,sdb1";
+    disk_util_mount_storage(list);
+    auto texts = seams.runner.texts();
+    ASSERT_GE(texts.size(), 2u);
+    EXPECT_EQ(texts[texts.size() - 2], "mount.exfat-fuse -o nosuid,nodev /var/dev/sdb1 /tmp/disk/sdb1");
+    EXPECT_TRUE(fake::logged("mount /var/dev/sdb1 exFAT /tmp/disk/sdb1 success"));
+    EXPECT_FALSE(fake::logged("mount /var/dev/sdb1 NTFS /tmp/disk/sdb1 success"));
+    EXPECT_FALSE(fake::logged("mount /var/dev/sdb1 fail"));
+    EXPECT_TRUE(dir_is_empty("/tmp/disk/sdb1"));
 }
 
 TEST(Mounting, FolderAlreadyMountedIsLeftAsItIs) {
@@ -371,47 +430,63 @@ TEST(Mounting, NamesWhoseMinorWouldBeNegativeOrOverflowGetNoNode) {
     EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sdA1'"));
 }
 
-TEST(Mounting, UnmountingABusyFolderRetriesEveryThreeSecondsUntilItIsFree) {
+TEST(Mounting, BusyFolderOfADiskThatIsGoneIsDetachedWithOneLogLine) {
     Seams seams;
     use_mount_root();
     mkdir("/tmp/disk", 0775);
     mkdir("/tmp/disk/sda1", 0775);
-    int busy = 3;
+    bool detached = false;
     seams.runner.respond = [&](const std::string& t) {
-        if (t == "mount | grep /tmp/disk/sda1 2>&1" && busy > 0) {
-            --busy;
+        if (t == "umount -l /tmp/disk/sda1") detached = true;
+        if (t == "mount | grep /tmp/disk/sda1 2>&1" && !detached)
             return std::string("/dev/sda1 on /tmp/disk/sda1 type ext4 (rw)\n");
-        }
         return std::string();
     };
 
     char list[] = "sda,sda1";
-    disk_util_umount_storage(list);
+    EXPECT_EQ(disk_util_umount_storage(list), 0);
 
-    std::vector<std::string> expected = {"rm -f /var/dev/sda"};
-    for (int i = 0; i < 4; ++i) {
-        expected.push_back("umount /tmp/disk/sda1");
-        expected.push_back("mount | grep /tmp/disk/sda1 2>&1");
-    }
-    expected.push_back("rm -f /var/dev/sda1");
+    std::vector<std::string> expected = {"rm -f /var/dev/sda",
+                                         "umount /tmp/disk/sda1",
+                                         "mount | grep /tmp/disk/sda1 2>&1",
+                                         "umount -l /tmp/disk/sda1",
+                                         "mount | grep /tmp/disk/sda1 2>&1",
+                                         "rm -f /var/dev/sda1"};
     EXPECT_EQ(seams.runner.texts(), expected);
-    EXPECT_EQ(seams.clock.sleeps(), (std::vector<unsigned long>{3000000, 3000000, 3000000}));
-
+    // Nothing waits for the disk.
+    EXPECT_TRUE(seams.clock.sleeps().empty());
     std::vector<std::string> logs = {
         "umount_storage",
         "run command : rm -f /var/dev/sda",
         "umount_fs",
         "try to umount /tmp/disk/sda1 , count = 1",
-        "try to umount /tmp/disk/sda1 , count = 2",
-        "try to umount /tmp/disk/sda1 , count = 3",
-        "try to umount /tmp/disk/sda1 , count = 4",
-        "umount /tmp/disk/sda1 success",
+        "umount /tmp/disk/sda1 busy, detached",
         "umount /tmp/disk/sda1 success",
         "remove folder /tmp/disk/sda1 success",
         "run command : rm -f /var/dev/sda1",
     };
     EXPECT_EQ(fake::log_texts(), logs);
+    EXPECT_TRUE(fake::logged(2, "disk_util.c", "umount /tmp/disk/sda1 busy, detached"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda1"));
+}
+
+TEST(Mounting, BusyFolderThatIsToBeKeptStaysMountedWithItsFolderAndNode) {
+    Seams seams;
+    use_mount_root();
+    mkdir("/tmp/disk", 0775);
+    mkdir("/tmp/disk/sda1", 0775);
+    seams.runner.respond = [&](const std::string& t) {
+        return t == "mount | grep /tmp/disk/sda1 2>&1" ? std::string("/dev/sda1 on /tmp/disk/sda1 type ext4 (rw)\n")
+                                                        : std::string();
+    };
+    char list[] = "sda,sda1";
+    EXPECT_EQ(disk_util_umount_storage(list, DiskBusy::keep), -1);
+    std::vector<std::string> expected = {"rm -f /var/dev/sda", "umount /tmp/disk/sda1",
+                                         "mount | grep /tmp/disk/sda1 2>&1"};
+    EXPECT_EQ(seams.runner.texts(), expected);
+    EXPECT_TRUE(fake::logged("umount /tmp/disk/sda1 fail"));
+    EXPECT_TRUE(seams.clock.sleeps().empty());
+    EXPECT_TRUE(dir_is_empty("/tmp/disk/sda1"));
 }
 
 TEST(Mounting, UnmountingAFolderThatIsGoneReportsItsRemovalFailure) {
@@ -614,7 +689,7 @@ TEST(StartUpMount, PortFileWithShellSyntaxIsRefused) {
     EXPECT_TRUE(fake::logged(1, "disk_util.c", "refusing device name 'sda1;reboot'"));
 }
 
-TEST(Shutdown, EveryMountUnderTheRootIsUnmountedAndRemovedOnce) {
+TEST(Shutdown, EveryMountUnderTheRootIsUnmountedAndItsEmptyFolderRemoved) {
     Seams seams;
     use_mount_root();
     mkdir("/tmp/disk", 0775);
@@ -625,13 +700,33 @@ TEST(Shutdown, EveryMountUnderTheRootIsUnmountedAndRemovedOnce) {
         return t == listing ? std::string("/tmp/disk/sda1\n/tmp/disk/sdb1\n") : std::string();
     };
     EXPECT_EQ(remove_all_mount_disk(), -1);
-    std::vector<std::string> expected = {listing, "umount /tmp/disk/sda1", "rm -R /tmp/disk/sda1",
-                                         "umount /tmp/disk/sdb1", "rm -R /tmp/disk/sdb1"};
+    std::vector<std::string> expected = {listing, "umount /tmp/disk/sda1", "mount | grep /tmp/disk/sda1 2>&1",
+                                         "umount /tmp/disk/sdb1", "mount | grep /tmp/disk/sdb1 2>&1"};
     EXPECT_EQ(seams.runner.texts(), expected);
     EXPECT_TRUE(fake::logged(4, "disk_util.c", "run command : umount /tmp/disk/sda1"));
-    EXPECT_TRUE(fake::logged(4, "disk_util.c", "run command : rm -R /tmp/disk/sdb1"));
+    for (const auto& t : seams.runner.texts()) EXPECT_EQ(t.find("rm "), std::string::npos) << t;
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda1"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sdb1"));
+}
+
+TEST(Shutdown, BusyMountIsDetachedAndAFolderThatHoldsFilesIsLeftAloneWithOneLogLine) {
+    Seams seams;
+    use_mount_root();
+    mkdir("/tmp/disk", 0775);
+    mkdir("/tmp/disk/sda1", 0775);
+    testing_support::write_file("/tmp/disk/sda1/photo.jpg", "data");
+    const std::string listing = "mount | grep \"/tmp/disk\" | awk -F \"[ ]\" '{print $3}' 2>&1";
+    seams.runner.respond = [&](const std::string& t) {
+        if (t == listing) return std::string("/tmp/disk/sda1\n");
+        if (t == "mount | grep /tmp/disk/sda1 2>&1") return std::string("/dev/sda1 on /tmp/disk/sda1 type ext4 (rw)\n");
+        return std::string();
+    };
+    EXPECT_EQ(remove_all_mount_disk(), -1);
+    std::vector<std::string> expected = {listing, "umount /tmp/disk/sda1", "mount | grep /tmp/disk/sda1 2>&1",
+                                         "umount -l /tmp/disk/sda1"};
+    EXPECT_EQ(seams.runner.texts(), expected);
+    EXPECT_EQ(testing_support::read_file("/tmp/disk/sda1/photo.jpg"), "data");
+    EXPECT_TRUE(fake::logged(2, "disk_util.c", "folder /tmp/disk/sda1 still holds files, left alone"));
 }
 
 TEST(Shutdown, MountsOutsideTheMountRootAreLeftAlone) {
@@ -647,7 +742,7 @@ TEST(Shutdown, MountsOutsideTheMountRootAreLeftAlone) {
                             : std::string();
     };
     EXPECT_EQ(remove_all_mount_disk(), -1);
-    std::vector<std::string> expected = {listing, "umount /tmp/disk/sda1", "rm -R /tmp/disk/sda1"};
+    std::vector<std::string> expected = {listing, "umount /tmp/disk/sda1", "mount | grep /tmp/disk/sda1 2>&1"};
     EXPECT_EQ(seams.runner.texts(), expected);
 }
 

@@ -271,3 +271,33 @@ TEST_F(SafeRemove, TheWorkerHoldsTheLockAndStopsServersUnmountsDeletesRowsRebuil
     auto at = [&texts](const std::string& t) { return std::find(texts.begin(), texts.end(), t) - texts.begin(); };
     EXPECT_LT(at("ps | grep smbd | grep -v grep 2>&1"), at("umount /tmp/disk/sda1"));
 }
+
+TEST_F(SafeRemove, ABusyDiskIsTriedFiveTimesWithoutTheLockBetweenThenLeftMountedAndSharedWithOneLogLine) {
+    // sda2 stays busy: its unmount never takes.
+    auto storage = seams.runner.respond;
+    seams.runner.respond = [storage](const std::string& text) -> std::string {
+        if (text == "umount /tmp/disk/sda2") return "";
+        return storage(text);
+    };
+    std::vector<bool> lock_in_sleeps;
+    std::mutex m;
+    seams.clock.on_sleep = [&](unsigned long us) {
+        std::lock_guard<std::mutex> guard(m);
+        if (us == 3000000) lock_in_sleeps.push_back(usbmgr::daemon_lock_held_here());
+    };
+    auto c = request(0, 0);
+    usbmgr_cmd_set_storage_safe_remove(c);
+    EXPECT_EQ(c.status, 0);
+    usbmgr_safe_remove_wait();
+    // Four waits of 3 s between five tries, none of them holding the lock.
+    EXPECT_EQ(lock_in_sleeps, std::vector<bool>(4, false));
+    const Lines all = seams.runner.texts();
+    EXPECT_EQ(std::count(all.begin(), all.end(), "umount /tmp/disk/sda2"), 5);
+    EXPECT_TRUE(fake::logged(2, "usbmgrd.c", "safe remove sda,sda1,sda2 gave up: disk busy"));
+    // The disk stays: its rows, no kind 14, its volumes mounted again and
+    // the servers reloaded.
+    EXPECT_STREQ(usb_physical_info[0].attach_device, "sda,sda1,sda2");
+    EXPECT_TRUE(fake::sent_kinds().empty());
+    EXPECT_NE(std::find(all.begin(), all.end(), "mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"), all.end());
+    EXPECT_NE(std::find(all.begin(), all.end(), "/bin/smbd"), all.end());
+}
