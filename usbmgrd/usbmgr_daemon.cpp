@@ -7,6 +7,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -205,31 +206,67 @@ void usbmgr_sigterm_handler(int) {
     errno = saved;
 }
 
-void usbmgr_kill_login_processes() {
-    usbmgr::DirPtr proc(opendir("/proc"));
-    if (!proc) return;
-    while (dirent* e = readdir(proc.get())) {
-        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0) continue;
-        if (e->d_name[0] < '0' || e->d_name[0] > '9') continue;
-        char path[4096];
-        if (!usbmgr::format_str(path, "/proc/%s/status", e->d_name)) continue;
-        usbmgr::FilePtr status(std::fopen(path, "re"));
-        if (!status) continue;
-        char line[1000];
-        while (std::fgets(line, sizeof line, status.get())) {
-            if (std::strncmp(line, "Name:", 5) != 0) continue;
-            const char* p = line + 5;
-            while (*p == ' ' || *p == '\t') ++p;
-            char name[1000] = {};
-            usbmgr::copy_str(name, p);
-            std::size_t n = std::strlen(name);
-            if (n > 0) name[n - 1] = '\0';  // the line end
-            // Every sh is killed, not only the daemon's own: logins run under sh.
-            if ((std::strcmp(name, "sh") == 0 || std::strcmp(name, "getty") == 0) && is_pid_name(e->d_name))
-                usbmgr::runner().run(usbmgr::CommandLine::exec({"kill", "-9", e->d_name}), false);
-            break;
+std::vector<long> usbmgr_login_processes(const std::vector<UsbmgrProcess>& table, long daemon_pid) {
+    // The gettys the daemon forked, then everything below them: by parent,
+    // and by session, since getty makes its own session for the login.
+    std::vector<long> chosen;
+    auto is_chosen = [&](long pid) { return std::find(chosen.begin(), chosen.end(), pid) != chosen.end(); };
+    for (const UsbmgrProcess& p : table)
+        if (p.ppid == daemon_pid && p.name == "getty") chosen.push_back(p.pid);
+    const std::size_t gettys = chosen.size();
+    for (bool grew = true; grew;) {
+        grew = false;
+        for (const UsbmgrProcess& p : table) {
+            if (p.pid == daemon_pid || is_chosen(p.pid)) continue;
+            bool in_session = std::find(chosen.begin(), chosen.begin() + static_cast<long>(gettys), p.session) !=
+                              chosen.begin() + static_cast<long>(gettys);
+            if (is_chosen(p.ppid) || in_session) {
+                chosen.push_back(p.pid);
+                grew = true;
+            }
         }
     }
+    return chosen;
+}
+
+namespace {
+
+// The process table from /proc/PID/stat: pid, name, parent, session.
+std::vector<UsbmgrProcess> read_process_table() {
+    std::vector<UsbmgrProcess> table;
+    usbmgr::DirPtr proc(opendir("/proc"));
+    if (!proc) return table;
+    while (dirent* e = readdir(proc.get())) {
+        if (!is_pid_name(e->d_name)) continue;
+        char path[64];
+        if (!usbmgr::format_str(path, "/proc/%s/stat", e->d_name)) continue;
+        usbmgr::FilePtr stat(std::fopen(path, "re"));
+        if (!stat) continue;
+        char line[1024] = {};
+        if (!std::fgets(line, sizeof line, stat.get())) continue;
+        // "pid (name) state ppid pgrp session ...": the name may hold
+        // blanks and parentheses, so it ends at the last ')'.
+        const char* open = std::strchr(line, '(');
+        const char* close = std::strrchr(line, ')');
+        if (!open || !close || close < open) continue;
+        UsbmgrProcess p;
+        p.pid = std::strtol(line, nullptr, 10);
+        p.name.assign(open + 1, close);
+        char state = 0;
+        long pgrp = 0;
+        if (std::sscanf(close + 1, " %c %ld %ld %ld", &state, &p.ppid, &pgrp, &p.session) != 4) continue;
+        table.push_back(p);
+    }
+    return table;
+}
+
+}  // namespace
+
+void usbmgr_kill_login_processes() {
+    // Only the daemon's own logins: a shell or getty it did not start is
+    // never touched.
+    for (long pid : usbmgr_login_processes(read_process_table(), static_cast<long>(getpid())))
+        usbmgr::runner().run(usbmgr::CommandLine::exec({"kill", "-9", std::to_string(pid)}), false);
 }
 
 void usbmgr_shutdown() {

@@ -9,6 +9,8 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "db_util/bus_handle.h"
 #include "db_util/lock.h"  // usbmgr_mutex, usbmgr::DaemonLock
@@ -45,6 +47,16 @@ void usbmgr_install_termination_handlers();
 // The orderly shutdown that SIGTERM asks for; runs on the main thread.
 void usbmgr_shutdown();
 void usbmgr_kill_login_processes();
+// One process of the table the shutdown reads.
+struct UsbmgrProcess {
+    long pid = 0;
+    long ppid = 0;
+    long session = 0;
+    std::string name;
+};
+// The login processes the daemon started: its getty children and every
+// process below them (by parent or in a getty's session).
+std::vector<long> usbmgr_login_processes(const std::vector<UsbmgrProcess>& table, long daemon_pid);
 // The whole program; main() returns what this returns.
 int usbmgr_main(int argc, char** argv);
 

@@ -11,6 +11,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+
 #include <cerrno>
 #include <cstring>
 #include <map>
@@ -82,6 +84,9 @@ pid_t spawn_named(const char* name) {
         prctl(PR_SET_NAME, name);
         for (;;) pause();
     }
+    // Named before anyone looks: the shutdown reads the names once.
+    const std::string comm = "/proc/" + std::to_string(pid) + "/comm";
+    for (int i = 0; i < 2000 && testing_support::read_file(comm) != std::string(name) + "\n"; ++i) usleep(1000);
     return pid;
 }
 
@@ -224,11 +229,16 @@ namespace {
 // Runs the shutdown in a child and returns every command it ran, one per
 // line (file commands really run; respond answers the others).
 std::vector<std::string> shutdown_commands(int* status,
-                                           std::function<std::string(const std::string&)> respond = nullptr) {
+                                           std::function<std::string(const std::string&)> respond = nullptr,
+                                           std::function<std::string()> in_daemon = nullptr) {
     int fds[2];
     if (pipe(fds) != 0) return {};
     *status = in_child([&] {
         close(fds[0]);
+        if (in_daemon) {
+            std::string line = in_daemon() + "\n";
+            (void)!write(fds[1], line.data(), line.size());
+        }
         testing_support::FakeRunner runner;
         runner.pass_through = [&](const std::string& t) {
             std::string line = t + "\n";
@@ -272,22 +282,51 @@ TEST(Shutdown, WithDevelopMarkerShellsAndGettysSurviveButDevIsEmptied) {
     waitpid(getty, nullptr, 0);
 }
 
-TEST(Shutdown, WithoutMarkerEveryShAndGettyIsKilled) {
+TEST(Shutdown, WithoutMarkerOnlyTheGettysTheDaemonStartedAreKilled) {
     Seams seams;
     std::strcpy(MOUNT_DISK_PATH, "/tmp/disk");
     pid_t getty = spawn_named("getty");
     pid_t sh = spawn_named("sh");
     pid_t other = spawn_named("bash");
+    pid_t own = 0;
     int status = -1;
-    auto cmds = shutdown_commands(&status);
+    auto cmds = shutdown_commands(&status, nullptr, [&] {
+        own = spawn_named("getty");
+        return "own " + std::to_string(own);
+    });
     EXPECT_EQ(status, 0);
-    EXPECT_TRUE(contains(cmds, "kill -9 " + std::to_string(getty)));
-    EXPECT_TRUE(contains(cmds, "kill -9 " + std::to_string(sh)));
+    ASSERT_FALSE(cmds.empty());
+    ASSERT_EQ(cmds[0].rfind("own ", 0), 0u);
+    EXPECT_TRUE(contains(cmds, "kill -9 " + cmds[0].substr(4)));
+    // Processes of the same names that the daemon did not start live on.
+    EXPECT_FALSE(contains(cmds, "kill -9 " + std::to_string(getty)));
+    EXPECT_FALSE(contains(cmds, "kill -9 " + std::to_string(sh)));
     EXPECT_FALSE(contains(cmds, "kill -9 " + std::to_string(other)));
     for (pid_t p : {getty, sh, other}) {
         kill(p, SIGKILL);
         waitpid(p, nullptr, 0);
     }
+    // The fake runner ran no kill: the daemon's getty is this test's to end.
+    kill(static_cast<pid_t>(std::stol(cmds[0].substr(4))), SIGKILL);
+}
+
+TEST(Shutdown, LoginProcessesAreTheDaemonsGettysAndEverythingBelowThem) {
+    std::vector<UsbmgrProcess> table = {
+        {100, 1, 100, "usbmgrd"},   // the daemon
+        {200, 100, 200, "getty"},   // its getty, a session of its own
+        {201, 200, 200, "sh"},      // the login shell
+        {202, 201, 200, "vi"},      // what the shell started
+        {203, 1, 200, "daemond"},   // left the shell, stayed in the session
+        {204, 203, 204, "worker"},  // started from there
+        {300, 1, 300, "getty"},     // a console getty of init
+        {301, 300, 300, "sh"},      // its shell
+        {400, 1, 400, "sh"},        // any other shell
+        {500, 100, 100, "smbd"},    // a server the daemon started
+    };
+    std::vector<long> pids = usbmgr_login_processes(table, 100);
+    std::sort(pids.begin(), pids.end());
+    EXPECT_EQ(pids, (std::vector<long>{200, 201, 202, 203, 204}));
+    EXPECT_TRUE(usbmgr_login_processes(table, 999).empty());
 }
 
 TEST(Shutdown, WithDevelopMarkerAndADiskMountedTheDiskIsStillUnmountedAndDevEmptied) {
