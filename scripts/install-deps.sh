@@ -8,7 +8,7 @@ packages=(
     build-essential cmake ninja-build pkg-config
     libsystemd-dev libgtest-dev libgmock-dev googletest libbenchmark-dev
     dbus-daemon dbus-bin dbus-system-bus-common
-    samba smbclient minidlna ntfs-3g
+    samba smbclient minidlna ntfs-3g exfat-fuse exfatprogs
     psmisc e2fsprogs iproute2 util-linux fdisk curl procps python3
     clang libclang-rt-14-dev clang-tidy cppcheck
     g++-mips-linux-gnu qemu-user-static

@@ -205,8 +205,11 @@ _sandbox_mkfs() {
                 return 1
             }
             ;;
+        exfat) mkfs.exfat "$target" >/dev/null ;;
+        # Nothing any mount can take: the partition stays zeros.
+        none) ;;
         *)
-            _sandbox_err "unknown file system '$fstype' (ext4 or ntfs)"
+            _sandbox_err "unknown file system '$fstype' (ext4, ntfs, exfat or none)"
             return 1
             ;;
     esac
@@ -217,7 +220,7 @@ _sandbox_mkfs() {
 _sandbox_partition() {
     local path=$1 size_mb=$2 fstype=$3 nparts=$4
     local type_hex=83
-    [ "$fstype" = ntfs ] && type_hex=07
+    [ "$fstype" = ntfs ] || [ "$fstype" = exfat ] && type_hex=07
     local total=$((size_mb * 2048)) first=2048
     local each=$(((total - first) / nparts / 2048 * 2048))
     if [ "$each" -lt 2048 ]; then

@@ -187,9 +187,10 @@ mount -t overlay sandbox-usr-bin \
 
 # Debian's "mount -t auto" would mount NTFS itself through its mount.ntfs
 # helpers; the gateway has none, so its NTFS disks take the daemon's own
-# ntfs-3g path. Whiteouts in an overlay hide the helpers here.
+# ntfs-3g path; likewise exFAT takes its mount.exfat-fuse path, as on a
+# kernel without exfat. Whiteouts in an overlay hide the helpers here.
 mkdir -p /var/lib/sandbox/usr-sbin/upper /var/lib/sandbox/usr-sbin/work
-for helper in mount.ntfs mount.ntfs-3g mount.lowntfs-3g; do
+for helper in mount.ntfs mount.ntfs-3g mount.lowntfs-3g mount.exfat; do
     mknod "/var/lib/sandbox/usr-sbin/upper/$helper" c 0 0
 done
 mount -t overlay sandbox-usr-sbin \
