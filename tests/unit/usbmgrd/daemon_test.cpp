@@ -82,6 +82,9 @@ pid_t spawn_named(const char* name) {
     pid_t pid = fork();
     if (pid == 0) {
         prctl(PR_SET_NAME, name);
+        // Holds no pipe of its parent open: a reader waiting for the end
+        // of a shutdown's output would otherwise wait for this process too.
+        for (int fd = 3; fd < 1024; ++fd) close(fd);
         for (;;) pause();
     }
     // Named before anyone looks: the shutdown reads the names once.
@@ -346,7 +349,8 @@ TEST(Shutdown, WithDevelopMarkerAndADiskMountedTheDiskIsStillUnmountedAndDevEmpt
     });
     EXPECT_EQ(status, 0);
     EXPECT_TRUE(contains(cmds, "umount /tmp/disk/sda1"));
-    EXPECT_TRUE(contains(cmds, "rm -R /tmp/disk/sda1"));
+    // Emptied by rmdir alone: nothing on a disk is ever removed recursively.
+    EXPECT_FALSE(contains(cmds, "rm -R /tmp/disk/sda1"));
     EXPECT_LT(index_of(cmds, check), index_of(cmds, "umount /tmp/disk/sda1"));
     EXPECT_FALSE(testing_support::file_exists("/tmp/disk/sda1"));
     EXPECT_TRUE(contains(cmds, "rm /var/dev/*"));
