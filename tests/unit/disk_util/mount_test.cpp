@@ -765,11 +765,13 @@ TEST(Mounting, MountsTakeNosuidAndNodevAsOneOptionArgument) {
     char list[] = "sda,sda1";
     disk_util_mount_storage(list);
     auto calls = seams.runner.calls();
-    ASSERT_EQ(calls.size(), 9u);
+    ASSERT_EQ(calls.size(), 11u);
     EXPECT_EQ(calls[5].argv,
               (std::vector<std::string>{"mount", "-v", "-t", "auto", "-o", "nosuid,nodev", "/var/dev/sda1", "/tmp/disk/sda1"}));
     EXPECT_EQ(calls[7].argv,
               (std::vector<std::string>{"/bin/ntfs-3g", "-o", "nosuid,nodev", "/var/dev/sda1", "/tmp/disk/sda1"}));
+    EXPECT_EQ(calls[9].argv,
+              (std::vector<std::string>{"mount.exfat-fuse", "-o", "nosuid,nodev", "/var/dev/sda1", "/tmp/disk/sda1"}));
 }
 
 TEST(Mounting, ALinkPlantedAsAPartitionsFolderGetsNoNodeAndNoMountAndStays) {
