@@ -3,7 +3,7 @@
 # partition and records the disk in the history file, the change
 # notification follows after the deferral, NTFS goes through ntfs-3g, a
 # burst of arrivals is notified together, removal undoes the mounts (and
-# waits for a busy volume), folders made on a volume are notified, a
+# detaches a busy volume), folders made on a volume are notified, a
 # restarted daemon finds the attached disk, and SIGTERM unmounts all.
 # Runs inside scripts/sandbox.sh.
 set -euo pipefail
@@ -106,15 +106,11 @@ check "replug: same disk, history file unchanged" cmp -s "$work/history.before" 
 check "replug: same disk, no cfg save" [ "$(saves)" -eq "$saves_before" ]
 echo data >/tmp/disk/sda1/file
 exec 7</tmp/disk/sda1/file
-t0=$(now_us)
 usbmgrctl unplug --port 1-1 --device sda,sda1,sda2 >/dev/null
-check "busy: the unmount is retried" wait_log "try to umount /tmp/disk/sda1 , count = 2" 6
-retry_ms=$((($(now_us) - t0) / 1000))
-echo "# second unmount attempt seen $retry_ms ms after the unplug"
-check "busy: the retry comes about 3 s later" [ "$retry_ms" -ge 2500 ]
-check "busy: still mounted while the file is open" mounted_as /tmp/disk/sda1 "/var/dev/sda1 ext4"
+check "busy: a pulled disk in use is detached" wait_log "umount /tmp/disk/sda1 busy, detached" 6
+check "busy: no longer mounted while the file is open" not_mounted /tmp/disk/sda1
+check "busy: the open file still reads" [ "$(cat <&7)" = data ]
 exec 7<&-
-check "busy: unmounted once the file is closed" wait_for "not_mounted /tmp/disk/sda1" 6
 check "busy: both folders gone" wait_for "[ ! -e /tmp/disk/sda1 -a ! -e /tmp/disk/sda2 ]" 6
 check "busy: kind 1 notified" wait_for '[ "$(count_kind 1)" -ge 2 ]' 5
 
