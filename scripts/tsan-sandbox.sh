@@ -9,7 +9,7 @@ build="${1:-build-tsan}"
 
 cmake -S . -B "$build" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DUSBMGR_SANITIZE=thread \
     -DUSBMGR_BENCH=OFF >/dev/null
-cmake --build "$build" -j2 --target usbmgrd usbmgrctl orbiil dusb orbsm orbcm_util
+cmake --build "$build" -j2 --target usbmgrd usbmgrctl dusbd orbiil dusb orbsm orbcm_util
 reports="$(cd "$build" && pwd)/tsan-reports"
 rm -rf "$reports"
 mkdir -p "$reports"
