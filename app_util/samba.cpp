@@ -81,21 +81,32 @@ std::string line_end_value(std::string_view prefix, std::string_view value) {
     return v;
 }
 
-// Section names Samba gives a meaning of its own; it compares them without
-// regard to case or white space.
+// Section names Samba gives a meaning of its own (the global section, the
+// home and printer shares, the print driver and inter-process shares); it
+// compares them without regard to case or white space.
 bool reserved_section(std::string_view name) {
     std::string folded;
     for (char c : name)
         if (!samba_space(c)) folded.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(c))));
-    return folded == "global" || folded == "homes" || folded == "printers";
+    return folded == "global" || folded == "homes" || folded == "printers" || folded == "print$" ||
+           folded == "ipc$";
 }
 
-// The name between the brackets of a share header: '[' and ']' become '_'
-// so the header ends where it should; an empty name or one of blanks only
-// (Samba refuses an empty section name and with it the whole file) and a reserved name
-// (its lines would join the global or a special section) are made plain.
+// Samba expands '%' and what follows as a macro in share names and comments
+// (the host name, its version, the client's address), so an outside text
+// there keeps none.
+std::string without_macros(std::string text) {
+    for (char& c : text)
+        if (c == '%') c = '_';
+    return text;
+}
+
+// The name between the brackets of a share header: '%' becomes '_', and so
+// do '[' and ']', so the header ends where it should; an empty name or one
+// of blanks only (Samba refuses an empty section name and with it the whole
+// file) is made plain.
 std::string section_name(std::string_view name) {
-    std::string n = app_util_internal::fit_value("[", app_util_internal::line_safe(name), "]_");
+    std::string n = without_macros(app_util_internal::fit_value("[", app_util_internal::line_safe(name), "]_"));
     bool blank = true;
     for (char& c : n) {
         if (c == '[' || c == ']') c = '_';
@@ -105,6 +116,19 @@ std::string section_name(std::string_view name) {
         for (char& c : n) c = '_';
         if (n.empty()) n.push_back('_');
     }
+    return n;
+}
+
+// A volume's share name: its stored name, or its device name (the folder)
+// when it has none or the name is one Samba reserves, whose lines would
+// join the global or a special section, or hide the share. A folder of a
+// reserved name (not one of the daemon's) gets a '_'.
+std::string share_name(const AppUtilSambaShare& share) {
+    if (!share.volume_name.empty()) {
+        std::string named = section_name(share.volume_name);
+        if (!reserved_section(named)) return named;
+    }
+    std::string n = section_name(share.folder);
     if (reserved_section(n)) n.push_back('_');
     return n;
 }
@@ -172,15 +196,10 @@ std::string app_util_render_samba_conf(const SambaConf& conf, const char* mount_
     const char* is_public = field_text(conf.security) == "share" ? "yes" : "no";
     for (const AppUtilSambaShare& share : shares) {
         const bool named = !share.volume_name.empty();
-        append_line(out, "[", section_name(named ? share.volume_name : share.folder), "]");
-        if (named) {
-            std::string text = share.volume_name + " (" + share.folder + ")";
-            append_line(out, "   comment = ", fit_value("   comment = ", line_safe(text), " shared disk"),
-                        " shared disk");
-        } else {
-            append_line(out, "   comment = ", fit_value("   comment = ", line_safe(share.folder), " shared disk"),
-                        " shared disk");
-        }
+        append_line(out, "[", share_name(share), "]");
+        const std::string text = named ? share.volume_name + " (" + share.folder + ")" : share.folder;
+        append_line(out, "   comment = ", without_macros(fit_value("   comment = ", line_safe(text), " shared disk")),
+                    " shared disk");
         append_line(out, "   path = ", line_end_value("   path = ", root + "/" + share.folder), "");
         append_line(out, "   public = ", is_public, "");
         append_line(out, "   writable = ", "yes", "");

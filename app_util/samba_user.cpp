@@ -1,6 +1,7 @@
 // Samba user accounts: slots of the settings file, Samba's password database
 // (through pdbedit, run without a shell) and the user map file.
 #include <fcntl.h>
+#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,10 +66,42 @@ bool text_ok(const char* s, bool is_name) {
     return true;
 }
 
-bool name_ok(const char* name) {
-    if (text_ok(name, true)) return true;
+void log_refused_name(const char* name) {
     char shown[kSlotTextSize] = {};
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "refusing samba user name '%s'", usbmgr::clean_copy(shown, name ? name : ""));
+}
+
+// The gateway account's own name, which the map's target and pdbedit take as
+// given (a gateway account is made known to Samba at start-up only).
+bool plain_name_ok(const char* name) {
+    if (text_ok(name, true)) return true;
+    log_refused_name(name);
+    return false;
+}
+
+// Samba reads a user map's and a user list's names as more than names: a
+// leading '@', '+' or '&' names a Unix or NIS group, '!' stops the map's
+// reading, '*' matches every user and '%' is expanded as a macro.
+bool samba_reads_as_more_than_a_name(const char* name) {
+    if (std::strchr("@+&!", name[0]) != nullptr) return true;
+    return std::strpbrk(name, "%*") != nullptr;
+}
+
+// The gateway account: root, and whatever account the user map maps every
+// user to. A Samba user of that name would set its password, and every
+// mapped user would then log in with it as that account. Samba user names
+// are not case-sensitive, so neither is this.
+bool is_gateway_account(const char* name) {
+    const std::string map_account(SAMBA_CONF.username_map, usbmgr::field_len(SAMBA_CONF.username_map));
+    return strcasecmp(name, "root") == 0 || strcasecmp(name, map_account.c_str()) == 0;
+}
+
+// The one check of an account name given to an add, a remove or a modify
+// (bus commands 10 to 12 and 27 to 29), and of a stored user put into the
+// user map: one log line and no change for a refused name.
+bool name_ok(const char* name) {
+    if (text_ok(name, true) && !samba_reads_as_more_than_a_name(name) && !is_gateway_account(name)) return true;
+    log_refused_name(name);
     return false;
 }
 
@@ -432,7 +465,7 @@ void app_util_perpare_samba_user(OrbIilHandle* handle) {
             USBMGR_TRACE(USBMGR_LOG_DEBUG, "user name = %s, password = %s", usbmgr::clean_copy(shown_name, name.c_str()),
                          usbmgr::clean_copy(shown_password, password.c_str()));
             if (app_util_is_samba_user(name.c_str())) continue;
-            if (name_ok(name.c_str()) && password_ok(name.c_str(), password.c_str()))
+            if (plain_name_ok(name.c_str()) && password_ok(name.c_str(), password.c_str()))
                 pdbedit_add(name.c_str(), password.c_str());
         }
     }

@@ -283,13 +283,47 @@ TEST_F(SambaConfText, HeaderNameHoldsNoBracket) {
     EXPECT_EQ(share_lines(render({{"sd]a1", ""}}))[0], "[sd_a1]");
 }
 
-TEST_F(SambaConfText, ReservedSectionNamesAreMadePlain) {
+// Each name Samba reserves, in any case and with blanks anywhere, is not a
+// share name: the volume is shared under its device name.
+TEST_F(SambaConfText, ReservedShareNamesFallBackToTheVolumesDeviceName) {
     load_factory_settings();
-    EXPECT_EQ(share_lines(render({{"sda1", "global"}}))[0], "[global_]");
-    EXPECT_EQ(share_lines(render({{"sda1", " Glo Bal "}}))[0], "[ Glo Bal _]");
-    EXPECT_EQ(share_lines(render({{"sda1", "HOMES"}}))[0], "[HOMES_]");
-    EXPECT_EQ(share_lines(render({{"sda1", "printers"}}))[0], "[printers_]");
+    for (const std::string name : {"global", " Glo Bal ", "HOMES", "homes", "printers", "Printers", "print$", "PRINT$",
+                                   "IPC$", "ipc$", "I pc$"}) {
+        const auto lines = share_lines(render({{"sda1", name}}));
+        ASSERT_EQ(lines.size(), 6u) << name;
+        EXPECT_EQ(lines[0], "[sda1]") << name;
+        EXPECT_EQ(lines[1], "   comment = " + name + " (sda1) shared disk") << name;
+    }
     EXPECT_EQ(share_lines(render({{"sda1", "globals"}}))[0], "[globals]");
+    EXPECT_EQ(share_lines(render({{"sda1", "IPC"}}))[0], "[IPC]");
+    EXPECT_EQ(share_lines(render({{"sda1", "print"}}))[0], "[print]");
+}
+
+// A folder of a reserved name is none of the daemon's device names; it still
+// never becomes a reserved section.
+TEST_F(SambaConfText, AFolderOfAReservedNameIsMadePlain) {
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"IPC$", ""}}))[0], "[IPC$_]");
+    EXPECT_EQ(share_lines(render({{"homes", "global"}}))[0], "[homes_]");
+}
+
+// Samba would expand %h to the host name and %v to its version in the
+// anonymous share listing; '%' in a share name or comment becomes '_'.
+TEST_F(SambaConfText, PercentInAShareNameOrCommentBecomesUnderscore) {
+    load_factory_settings();
+    const auto named = share_lines(render({{"sda1", "%h%v"}}));
+    EXPECT_EQ(named[0], "[_h_v]");
+    EXPECT_EQ(named[1], "   comment = _h_v (sda1) shared disk");
+    const auto unnamed = share_lines(render({{"sd%L1", ""}}));
+    EXPECT_EQ(unnamed[0], "[sd_L1]");
+    EXPECT_EQ(unnamed[1], "   comment = sd_L1 shared disk");
+}
+
+// A name that reads as reserved only once its '%' is made '_' is no
+// reserved name.
+TEST_F(SambaConfText, PercentIsReplacedBeforeTheReservedNameCheck) {
+    load_factory_settings();
+    EXPECT_EQ(share_lines(render({{"sda1", "IPC%"}}))[0], "[IPC_]");
 }
 
 TEST_F(SambaConfText, BlankVolumeNameIsMadePlain) {

@@ -274,6 +274,71 @@ TEST_F(SambaUsers, NamesAndPasswordsThatCannotStandOnOneLineAreRefusedAndChangeN
     EXPECT_TRUE(seams.runner.texts().empty());
 }
 
+// The gateway account (root, and the map's target, here admin) in any case,
+// and the names Samba reads as groups, as a stop or as a pattern in a user
+// map or a user list: each refused by add, remove and modify alike, with
+// the one log line and nothing run or rewritten.
+TEST_F(SambaUsers, GatewayAccountAndNamesSambaReadsAsMoreThanANameAreRefusedByAddRemoveAndModify) {
+    set_map();
+    write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "root", "r", 1), slot_lines(1, "admin", "a", 1),
+                                        slot_lines(2, "@staff", "s", 1)}));
+    const std::string before = testing_support::read_file(USBMGR_CONF_PATH);
+    for (const std::string name : {"root", "ROOT", "Root", "admin", "ADMIN", "@staff", "+staff", "&staff", "!bob",
+                                   "bo%b", "%U", "*", "bo*", "bob*"}) {
+        for (int op = 0; op < 3; ++op) {
+            fake::reset();
+            const int result = op == 0   ? app_util_add_samba_user(name.c_str(), "pw", 1)
+                               : op == 1 ? app_util_remove_samba_user(name.c_str())
+                                         : app_util_modify_samba_user(name.c_str(), "pw", 1);
+            EXPECT_EQ(result, -1) << name << " " << op;
+            ASSERT_EQ(fake::bus().log.size(), 1u) << name << " " << op;
+            EXPECT_EQ(fake::bus().log[0].text, "refusing samba user name '" + name + "'");
+            EXPECT_EQ(fake::bus().log[0].level, 4);
+            EXPECT_EQ(fake::bus().log[0].module, "app_util.c");
+        }
+    }
+    EXPECT_EQ(testing_support::read_file(USBMGR_CONF_PATH), before);
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_FALSE(testing_support::file_exists(kMapPath));
+}
+
+// Names that merely hold those characters past the first, or the map's
+// target as part of a longer name, are plain names.
+TEST_F(SambaUsers, NamesHoldingGroupSignsPastTheFirstOrTheGatewayAccountInsideAreAccepted) {
+    set_map();
+    write_lines(USBMGR_CONF_PATH, kHead);
+    for (const std::string name : {"bob@home", "a+b", "a&b", "bob!", "rooter", "admins", "groot"})
+        EXPECT_EQ(app_util_add_samba_user(name.c_str(), "pw", 1), 0) << name;
+    EXPECT_EQ(map_file(), "admin = bob@home a+b a&b bob! rooter admins groot");
+}
+
+// A stored user of such a name (written by hand, or before these names were
+// refused) is left out of the user map, where it would map a group or all.
+TEST_F(SambaUsers, StoredUsersTheAccountCheckRefusesAreLeftOutOfTheMap) {
+    set_map();
+    write_lines(USBMGR_CONF_PATH, join({kHead, slot_lines(0, "root", "r", 1), slot_lines(1, "@staff", "s", 1),
+                                        slot_lines(2, "bob", "b", 1)}));
+    app_util_write_samba_username_map(0);
+    EXPECT_EQ(map_file(), "admin = bob");
+    EXPECT_TRUE(fake::logged("refusing samba user name 'root'"));
+    EXPECT_TRUE(fake::logged("refusing samba user name '@staff'"));
+}
+
+// At start-up the gateway account itself is made known to Samba: the check
+// of a name from a command does not apply to it.
+TEST_F(SambaUsersStartUp, TheGatewayAccountIsStillAddedToSambaAtStartUp) {
+    set_map();
+    usbmgr::copy_str(SAMBA_CONF.username_map, "root");
+    OrbSmUser root{};
+    root.flag = 1;
+    std::strcpy(root.name, "root");
+    std::strcpy(root.password, "gw");
+    fake::orbsm().users = {root};
+    app_util_perpare_samba_user(nullptr);
+    EXPECT_EQ(seams.runner.texts(), (Lines{add_cmd("root", "gw")}));
+    EXPECT_EQ(map_file(), "root =");
+}
+
 TEST_F(SambaUsers, PasswordsMayHoldBlanksEqualsAndQuotes) {
     set_map();
     write_lines(USBMGR_CONF_PATH, kHead);

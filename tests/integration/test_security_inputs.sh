@@ -1,0 +1,70 @@
+#!/bin/bash
+# Inputs an attacker on the bus or on a USB disk chooses, against the real
+# daemon and servers with the factory settings (Samba and MiniDLNA
+# enabled), one named case each: commands 10 and 12 taking the gateway
+# account's name root; volume names that Samba would expand (%h%v) or that
+# it reserves (IPC$). Each is refused or made plain, and nothing of the
+# gateway changes. Runs inside scripts/sandbox.sh.
+set -euo pipefail
+. "$USBMGR_SOURCE_DIR/scripts/sandbox-lib.sh" || exit 1
+
+work=$(mktemp -d /tmp/security.XXXXXX)
+settings=/var/config/usbmgr.conf
+smbpasswd=/var/samba/smbpasswd
+history=/var/config/tr140.conf
+
+cleanup() { leave_sandbox 30 sda; }
+trap cleanup EXIT
+
+running() { pgrep -x "$1" >/dev/null; }
+# Disk shares as smbclient lists them anonymously: "name|comment", one a line.
+disk_shares() { smbclient -L 127.0.0.1 -N -g 2>/dev/null | awk -F'|' '$1 == "Disk" { print $2 "|" $3 }'; }
+has_share() { disk_shares | cut -d'|' -f1 | grep -qxF -- "$1"; }
+root_entry() { grep '^root:' "$smbpasswd" || true; }
+result_of() { sed -n 's/^  result = \(-\{0,1\}[0-9]*\).*/\1/p'; }
+
+# The disk is known already: its first volume named %h%v, its second IPC$.
+make_disk_image "$work/disk.img" 32 ext4 2
+attach_disk sda "$work/disk.img" >/dev/null
+printf '%s\n' USBMGR.0.SERIAL_NUMBER=SER-SEC USBMGR.0.PNAME= 'USBMGR.0.NAME.0=%h%v' USBMGR.0.ENABLE.0=1 \
+    'USBMGR.0.NAME.1=IPC$' USBMGR.0.ENABLE.1=1 >"$history"
+# The gateway account every Samba user maps to (the factory map target).
+echo "1:root:root-pw" >/var/config/orbsm.users
+
+daemon=$(start_daemon debug)
+check "daemon started" [ -n "$daemon" ]
+check "start: smbd runs" wait_for "running smbd" 15
+check "start: the gateway account is known to Samba" wait_for '[ -n "$(root_entry)" ]' 15
+root_before=$(root_entry)
+
+# --- commands 10 and 12 taking the name root
+result=$(usbmgrctl user-add root attacker-pw 1 | result_of)
+check "add root: command 10 answers -1" [ "$result" = -1 ]
+check "add root: no slot holds root" bash -c "! grep -qi '^USBMGR.SAMBA.USER_NAME.[0-9]*=root$' $settings"
+result=$(usbmgrctl user-modify root attacker-pw 1 | result_of)
+check "modify root: command 12 answers -1" [ "$result" = -1 ]
+check "add and modify root: the refusals are logged" \
+    [ "$(grep -c "refusing samba user name 'root'" "$ORBIIL_LOG_FILE")" -eq 2 ]
+check "add and modify root: root's Samba password is the gateway's still" [ "$(root_entry)" = "$root_before" ]
+check "add and modify root: the attacker's password does not log in" \
+    bash -c "! smbclient -L 127.0.0.1 -U 'root%attacker-pw' >/dev/null 2>&1"
+
+# --- volume names Samba expands or reserves
+usbmgrctl plug --port 1-1 --device sda,sda1,sda2 --serial SER-SEC --vendor ACME --product Stick >/dev/null
+check "shares: both volumes are shared after the reload" wait_for "has_share sda2" 30
+disk_shares >"$work/shares"
+sed 's/^/# share: /' "$work/shares"
+check "a volume named %h%v: shared as _h_v" has_share _h_v
+check "a volume named %h%v: the listing shows no host name" bash -c "! grep -qiF -- '$(hostname)' '$work/shares'"
+version=$(smbd -V | sed 's/^Version //')
+check "a volume named %h%v: the listing shows no Samba version" bash -c "! grep -qF -- '$version' '$work/shares'"
+check "a volume named IPC\$: shared under its device name sda2" has_share sda2
+check "a volume named IPC\$: no share of that name" bash -c "! grep -q '^\[IPC\\$\]' /etc/samba/smb.conf"
+
+stop_daemon 60
+check "SIGTERM: the daemon ended" bash -c "! pgrep -x usbmgrd"
+trap - EXIT
+detach_disk sda >/dev/null 2>&1 || true
+rm -rf "$work"
+echo "# $passed passed, $failed failed"
+[ "$failed" -eq 0 ]
