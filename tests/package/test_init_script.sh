@@ -1,0 +1,72 @@
+#!/usr/bin/env bash
+# The gateway's init script: start returns once the daemon's parent has
+# exited (the child is ready), stop sends SIGTERM and waits for the orderly
+# shutdown to end, restart does both, status tells. A stand-in daemon named
+# usbmgrd plays the fork and a shutdown that takes a second. Runs in private
+# PID and mount namespaces, so no other usbmgrd on this machine is seen.
+#
+#   test_init_script.sh BUILD_DIR
+set -euo pipefail
+build=$1
+if [ "${2:-}" != --inner ]; then
+    exec unshare --mount --pid --fork --mount-proc --propagation private bash "$0" "$build" --inner
+fi
+script=$build/etc/init.d/usbmgrd
+mount -t tmpfs test-tmp /tmp
+failures=0
+fail() {
+    echo "FAILED: $*" >&2
+    failures=$((failures + 1))
+}
+
+sh -n "$script" || fail "sh -n"
+if command -v busybox >/dev/null; then
+    busybox sh -n "$script" || fail "busybox sh -n"
+fi
+
+# The stand-in: a shell under the daemon's name. Its parent exits once the
+# child runs; the child's SIGTERM takes a second, then marks its end.
+cp "$(command -v bash)" /tmp/usbmgrd
+cat >/tmp/daemon.sh <<'INNER'
+(
+    trap 'sleep 1; echo done >/tmp/shutdown; exit 0' TERM
+    while :; do sleep 0.1; done
+) </dev/null >/dev/null 2>&1 &
+exit 0
+INNER
+cat >/tmp/daemon <<'INNER'
+#!/bin/sh
+exec /tmp/usbmgrd /tmp/daemon.sh
+INNER
+chmod +x /tmp/daemon
+export USBMGRD_DAEMON=/tmp/daemon USBMGRD_SETUP=/bin/true USBMGRD_STOP_SECONDS=10
+
+echo "== status before start"
+rc=0
+"$script" status || rc=$?
+[ "$rc" = 3 ] || fail "status of a stopped daemon answered $rc"
+
+echo "== start"
+"$script" start || fail "start failed"
+pid=$(pidof usbmgrd) || fail "no usbmgrd after start"
+"$script" status || fail "status of a running daemon"
+"$script" start | grep -q 'already runs' || fail "a second start did not see the first"
+[ "$(pidof usbmgrd)" = "$pid" ] || fail "a second start started another daemon"
+
+echo "== stop waits for the orderly shutdown"
+"$script" stop || fail "stop failed"
+[ -f /tmp/shutdown ] || fail "stop returned before the shutdown ended"
+[ -z "$(pidof usbmgrd || true)" ] || fail "usbmgrd still runs after stop"
+
+echo "== restart"
+rm -f /tmp/shutdown
+"$script" start >/dev/null
+first=$(pidof usbmgrd)
+"$script" restart || fail "restart failed"
+[ -f /tmp/shutdown ] || fail "restart did not wait for the shutdown"
+second=$(pidof usbmgrd) || fail "no usbmgrd after restart"
+[ "$first" != "$second" ] || fail "restart kept the old daemon"
+"$script" stop >/dev/null
+
+[ "$failures" -eq 0 ] || exit 1
+echo "init script: every check passed"
