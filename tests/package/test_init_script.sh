@@ -41,32 +41,39 @@ INNER
 chmod +x /tmp/daemon
 export USBMGRD_DAEMON=/tmp/daemon USBMGRD_SETUP=/bin/true USBMGRD_STOP_SECONDS=10
 
-echo "== status before start"
-rc=0
-"$script" status || rc=$?
-[ "$rc" = 3 ] || fail "status of a stopped daemon answered $rc"
+# Under the system's sh and, where installed, BusyBox's (the gateway's).
+shells=(sh)
+command -v busybox >/dev/null && shells+=("busybox sh")
+for run in "${shells[@]}"; do
+    echo "==== under $run"
+    rm -f /tmp/shutdown
+    echo "== status before start"
+    rc=0
+    $run "$script" status || rc=$?
+    [ "$rc" = 3 ] || fail "status of a stopped daemon answered $rc"
 
-echo "== start"
-"$script" start || fail "start failed"
-pid=$(pidof usbmgrd) || fail "no usbmgrd after start"
-"$script" status || fail "status of a running daemon"
-"$script" start | grep -q 'already runs' || fail "a second start did not see the first"
-[ "$(pidof usbmgrd)" = "$pid" ] || fail "a second start started another daemon"
+    echo "== start"
+    $run "$script" start || fail "start failed"
+    pid=$(pidof usbmgrd) || fail "no usbmgrd after start"
+    $run "$script" status || fail "status of a running daemon"
+    $run "$script" start | grep -q 'already runs' || fail "a second start did not see the first"
+    [ "$(pidof usbmgrd)" = "$pid" ] || fail "a second start started another daemon"
 
-echo "== stop waits for the orderly shutdown"
-"$script" stop || fail "stop failed"
-[ -f /tmp/shutdown ] || fail "stop returned before the shutdown ended"
-[ -z "$(pidof usbmgrd || true)" ] || fail "usbmgrd still runs after stop"
+    echo "== stop waits for the orderly shutdown"
+    $run "$script" stop || fail "stop failed"
+    [ -f /tmp/shutdown ] || fail "stop returned before the shutdown ended"
+    [ -z "$(pidof usbmgrd || true)" ] || fail "usbmgrd still runs after stop"
 
-echo "== restart"
-rm -f /tmp/shutdown
-"$script" start >/dev/null
-first=$(pidof usbmgrd)
-"$script" restart || fail "restart failed"
-[ -f /tmp/shutdown ] || fail "restart did not wait for the shutdown"
-second=$(pidof usbmgrd) || fail "no usbmgrd after restart"
-[ "$first" != "$second" ] || fail "restart kept the old daemon"
-"$script" stop >/dev/null
+    echo "== restart"
+    rm -f /tmp/shutdown
+    $run "$script" start >/dev/null
+    first=$(pidof usbmgrd)
+    $run "$script" restart || fail "restart failed"
+    [ -f /tmp/shutdown ] || fail "restart did not wait for the shutdown"
+    second=$(pidof usbmgrd) || fail "no usbmgrd after restart"
+    [ "$first" != "$second" ] || fail "restart kept the old daemon"
+    $run "$script" stop >/dev/null
+done
 
 [ "$failures" -eq 0 ] || exit 1
 echo "init script: every check passed"
