@@ -57,9 +57,12 @@ endif()
 foreach(unit usbmgrd.service dusbd.service)
   configure_file(etc/systemd/${unit}.in ${CMAKE_CURRENT_BINARY_DIR}/etc/systemd/${unit} @ONLY)
 endforeach()
-configure_file(etc/init.d/usbmgrd.in ${CMAKE_CURRENT_BINARY_DIR}/etc/init.d/usbmgrd @ONLY
+# Named otherwise in the build folder, where the sandbox looks for the
+# daemon by its name.
+configure_file(etc/init.d/usbmgrd.in ${CMAKE_CURRENT_BINARY_DIR}/etc/init.d/usbmgrd-init @ONLY
   FILE_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-install(PROGRAMS ${CMAKE_CURRENT_BINARY_DIR}/etc/init.d/usbmgrd DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d)
+install(PROGRAMS ${CMAKE_CURRENT_BINARY_DIR}/etc/init.d/usbmgrd-init
+        DESTINATION ${CMAKE_INSTALL_FULL_SYSCONFDIR}/init.d RENAME usbmgrd)
 if(USBMGR_HOST_PLATFORM)
   install(FILES ${CMAKE_CURRENT_BINARY_DIR}/etc/systemd/usbmgrd.service DESTINATION ${USBMGR_SYSTEMD_UNITDIR})
   if(TARGET dusbd)

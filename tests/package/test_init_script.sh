@@ -11,7 +11,7 @@ build=$1
 if [ "${2:-}" != --inner ]; then
     exec unshare --mount --pid --fork --mount-proc --propagation private bash "$0" "$build" --inner
 fi
-script=$build/etc/init.d/usbmgrd
+script=$build/etc/init.d/usbmgrd-init
 mount -t tmpfs test-tmp /tmp
 failures=0
 fail() {
