@@ -292,12 +292,14 @@ fi
 
 cd "$source_dir"
 echo "== Installing the packages the demo needs"
-"$script_dir/install-deps.sh"
+"$script_dir/install-deps.sh" demo
 
 if [ "$skip_build" -eq 0 ]; then
+    # Only what the scenario runs: the daemon, the client, and the host
+    # platform (its libraries follow as the programs' dependencies).
     echo "== Configuring and building into $build_dir"
-    cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo
-    cmake --build "$build_dir" -j2
+    cmake -S . -B "$build_dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DUSBMGR_TESTS=OFF -DUSBMGR_BENCH=OFF
+    cmake --build "$build_dir" -j2 --target usbmgrd usbmgrctl orbcm_util
 fi
 
 echo "== Running the scenario inside the sandbox"
