@@ -25,12 +25,17 @@ if command -v busybox >/dev/null; then
 fi
 
 # The stand-in: a shell under the daemon's name. Its parent exits once the
-# child runs; the child's SIGTERM takes a second, then marks its end.
+# child runs; the child's SIGTERM takes a second, then marks its end. The
+# child waits by a builtin read on a FIFO that never speaks, not by running
+# sleep: a fork of it would carry the daemon's name for a moment and be
+# seen as a second daemon.
 cp "$(command -v bash)" /tmp/usbmgrd
+mkfifo /tmp/never
 cat >/tmp/daemon.sh <<'INNER'
 (
-    trap 'sleep 1; echo done >/tmp/shutdown; exit 0' TERM
-    while :; do sleep 0.1; done
+    exec 3<>/tmp/never
+    trap 'read -r -t 1 -u 3; echo done >/tmp/shutdown; exit 0' TERM
+    while :; do read -r -t 0.1 -u 3 || :; done
 ) </dev/null >/dev/null 2>&1 &
 exit 0
 INNER
