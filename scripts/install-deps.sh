@@ -23,7 +23,7 @@ all_packages=(
     libgtest-dev libgmock-dev googletest libbenchmark-dev python3
     clang libclang-rt-14-dev clang-tidy cppcheck
     g++-mips-linux-gnu qemu-user-static
-    dpkg-dev busybox systemd
+    dpkg-dev busybox systemd file
 )
 
 case "${1:-all}" in

@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Builds the daemon and the unit tests for the gateway's processor,
 # big-endian 32-bit MIPS, with Debian's cross toolchain, and runs the unit
-# tests under qemu-user with the cross C library as their root.
+# tests under qemu-user with the cross C library as their root; then checks
+# the gateway's install from that build (DESTDIR, cmake --install).
 #
 #   scripts/mips-test.sh [BUILD_DIR]      (default build-mips; run as root)
 #
@@ -16,5 +17,7 @@ cmake -S . -B "$build" -G Ninja -DCMAKE_TOOLCHAIN_FILE=cmake/mips-qemu.cmake \
     -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 cmake --build "$build" -j2
 file "$build/usbmgrd"
-cd "$build"
-ctest -j2 -L unit --output-on-failure
+(cd "$build" && ctest -j2 -L unit --output-on-failure)
+# The same gateway build (no host platform) installs what the gateway's
+# image takes, and nothing of the host's.
+bash tests/package/test_gateway_install.sh "$build" MIPS
