@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # usbmgrd-setup gives a gateway its factory settings at the first start and
-# never replaces what stands at /var/config/usbmgr.conf. Runs in a private
-# mount namespace with a tmpfs on /var, so the machine's /var is untouched.
+# never replaces what stands at /var/config/usbmgr.conf; with --host it also
+# makes the platform's folders and Samba's guest account. Runs in a private
+# mount namespace with tmpfs on /var, /run and /tmp and a stand-in useradd,
+# so nothing of the machine changes.
 #
 #   test_first_start_settings.sh SOURCE_DIR
 set -euo pipefail
@@ -45,6 +47,44 @@ echo "== without factory settings nothing is made, and the start goes on"
 rm /var/config/usbmgr.conf
 "$setup" /nonexistent/usbmgr.conf 2>/dev/null || fail "a missing factory file failed the start"
 [ ! -e /var/config/usbmgr.conf ] || fail "a settings file appeared from nothing"
+
+# --host, on a Linux box: the platform's folders and Samba's guest account.
+# useradd is a stand-in that records its arguments.
+mount -t tmpfs test-run /run
+mount -t tmpfs test-tmp /tmp
+mkdir -p /run/test-bin
+printf '#!/bin/sh\necho "useradd $*" >>/run/useradd.calls\n' >/run/test-bin/useradd
+chmod +x /run/test-bin/useradd
+host_setup() {
+    rm -f /run/useradd.calls
+    printf 'USBMGR.SAMBA.GUEST_ACCOUNT=%s\n' "$1" >/var/config/usbmgr.conf
+    PATH="/run/test-bin:$PATH" "$setup" --host "$factory" 2>/run/setup.err
+}
+
+echo "== --host makes the folders the gateway's platform would have made"
+host_setup 1234 || fail "--host failed"
+for d in /var/dev /var/samba /var/log/samba /var/cache/minidlna /var/cache/samba \
+    /var/lib/samba/private /run/samba /tmp/usb; do
+    [ -d "$d" ] || fail "--host did not make $d"
+done
+
+echo "== --host makes the settings' guest account, a system account without a home or a shell"
+[ "$(cat /run/useradd.calls 2>/dev/null)" = \
+    "useradd --system --no-create-home --home-dir /nonexistent --shell /usr/sbin/nologin -- 1234" ] ||
+    fail "useradd for the guest 1234: $(cat /run/useradd.calls 2>/dev/null)"
+
+echo "== an account of that name is not made again; a UID of that number is no account of that name"
+host_setup root
+[ ! -e /run/useradd.calls ] || fail "useradd for the existing root: $(cat /run/useradd.calls)"
+host_setup 0
+grep -q -- '-- 0$' /run/useradd.calls 2>/dev/null || fail "the guest 0 was taken for root's UID 0"
+
+echo "== a guest name that is not a plain word is not made, with one log line"
+host_setup '-o'
+[ ! -e /run/useradd.calls ] || fail "useradd for '-o': $(cat /run/useradd.calls)"
+host_setup 'a b;c'
+[ ! -e /run/useradd.calls ] || fail "useradd for 'a b;c': $(cat /run/useradd.calls)"
+[ "$(grep -c "not a plain name" /run/setup.err)" = 1 ] || fail "log: $(cat /run/setup.err)"
 
 [ "$failures" -eq 0 ] || exit 1
 echo "first start settings: every check passed"
