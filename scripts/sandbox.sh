@@ -205,7 +205,8 @@ fi
 # smbd refuses to start without a Unix account for its guest account (the
 # gateway has one); the factory settings name it. Added in the /etc overlay.
 guest=$(sed -n 's/^USBMGR\.SAMBA\.GUEST_ACCOUNT=//p' /var/config/usbmgr.conf 2>/dev/null | head -n 1)
-if [[ $guest =~ ^[A-Za-z0-9_][A-Za-z0-9_.-]*$ ]] && ! getent passwd "$guest" >/dev/null; then
+# Looked up by name: "getent passwd 1234" would find the UID 1234.
+if [[ $guest =~ ^[A-Za-z0-9_][A-Za-z0-9_.-]*$ ]] && ! getent passwd | cut -d: -f1 | grep -xF -- "$guest" >/dev/null; then
     echo "$guest:x:60123:65534:gateway guest:/nonexistent:/usr/sbin/nologin" >>/etc/passwd
 fi
 
