@@ -91,7 +91,10 @@ int app_util_start_minidlna() {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "Kill minidlna");
         db_util_exe_command(app_util_internal::server_command({"killall", "minidlnad"}));
         // Only a restart drops the media database; a first start keeps it.
-        db_util_exe_command(app_util_internal::server_command({"rm", "-rf", field_text(MINIDLNA_CONF.db_dir)}, {2}));
+        // The folder goes whole, so only one where it may be thrown away.
+        const std::string db_dir = field_text(MINIDLNA_CONF.db_dir);
+        if (usbmgr_setting_ok("USBMGR.MINIDLNA.DB_DIR", db_dir.c_str()))
+            db_util_exe_command(app_util_internal::server_command({"rm", "-rf", db_dir}, {2}));
         usbmgr::sys_clock().sleep_us(500000);
     } else {
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "Start minidlna");

@@ -1,7 +1,6 @@
 // Samba user accounts: slots of the settings file, Samba's password database
 // (through pdbedit, run without a shell) and the user map file.
 #include <fcntl.h>
-#include <strings.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -87,20 +86,13 @@ bool samba_reads_as_more_than_a_name(const char* name) {
     return std::strpbrk(name, "%*") != nullptr;
 }
 
-// The gateway account: root, and whatever account the user map maps every
-// user to. A Samba user of that name would set its password, and every
-// mapped user would then log in with it as that account. Samba user names
-// are not case-sensitive, so neither is this.
-bool is_gateway_account(const char* name) {
-    const std::string map_account(SAMBA_CONF.username_map, usbmgr::field_len(SAMBA_CONF.username_map));
-    return strcasecmp(name, "root") == 0 || strcasecmp(name, map_account.c_str()) == 0;
-}
-
 // The one check of an account name given to an add, a remove or a modify
 // (bus commands 10 to 12 and 27 to 29), and of a stored user put into the
-// user map: one log line and no change for a refused name.
+// user map: one log line and no change for a refused name. A Samba user
+// named as the gateway account would set that account's password, and
+// every mapped user would then log in with it as root.
 bool name_ok(const char* name) {
-    if (text_ok(name, true) && !samba_reads_as_more_than_a_name(name) && !is_gateway_account(name)) return true;
+    if (text_ok(name, true) && !samba_reads_as_more_than_a_name(name) && !usbmgr_is_gateway_account(name)) return true;
     log_refused_name(name);
     return false;
 }

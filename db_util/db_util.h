@@ -74,7 +74,15 @@ extern int32_t USB_SERIAL_ENABLE;
 extern MiniDlnaConf MINIDLNA_CONF;
 extern SambaConf SAMBA_CONF;
 
-// Loads every setting from the settings file: 1 complete, 0 stopped at a missing key.
+// Whether name is the gateway account: root, or the account the Samba user
+// map maps every user to (USBMGR.SAMBA.USERNAME_MAP), in any case.
+bool usbmgr_is_gateway_account(const char* name);
+// Whether value has the form of the text setting named by its settings-file
+// key; a refused value (or a key of no text setting) is logged once.
+bool usbmgr_setting_ok(const char* key, const char* value);
+// Loads every setting from the settings file: 1 complete, 0 stopped at a
+// missing key. A value outside its setting's form is logged and replaced
+// by the setting's factory value (the media folder's: the mount root).
 int usbmgr_conf_load();
 // Regenerates the settings file from the records; returns the last account lookup.
 int usbmgr_conf_save();

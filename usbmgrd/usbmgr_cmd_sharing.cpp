@@ -4,6 +4,7 @@
 //
 // Commands 2, 3, 4 and 7 work without usbmgr_mutex; the others hold it for
 // their whole work, server starts and stops included.
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <span>
@@ -27,80 +28,89 @@ constexpr int32_t kReloadSamba = 2;
 // Status of command 7 when the save reports -1.
 constexpr int32_t kStatusNotSaved = -7;
 
-// One settable text setting: the name a sender uses and the record field.
+// One settable text setting: the name a sender uses, the record field and
+// its settings-file key, whose row holds the value's form.
 struct TextSetting {
     const char* name;
     char* field;
     std::size_t size;
+    const char* key;
 };
 
-#define SETTING(name, record, member) TextSetting{name, (record).member, sizeof((record).member)}
+#define SETTING(name, record, member, key) TextSetting{name, (record).member, sizeof((record).member), key}
 
 const TextSetting kMiniDlnaSettings[] = {
-    SETTING("media_dir", MINIDLNA_CONF, media_dir),
-    SETTING("db_dir", MINIDLNA_CONF, db_dir),
-    SETTING("log_dir", MINIDLNA_CONF, log_dir),
-    SETTING("log_level", MINIDLNA_CONF, log_level),
-    SETTING("root_container", MINIDLNA_CONF, root_container),
-    SETTING("port", MINIDLNA_CONF, port),
-    SETTING("friendly_name", MINIDLNA_CONF, friendly_name),
-    SETTING("serial", MINIDLNA_CONF, serial),
-    SETTING("model_name", MINIDLNA_CONF, model_name),
-    SETTING("model_number", MINIDLNA_CONF, model_number),
-    SETTING("inotify", MINIDLNA_CONF, inotify),
-    SETTING("notify_interval", MINIDLNA_CONF, notify_interval),
+    SETTING("media_dir", MINIDLNA_CONF, media_dir, "USBMGR.MINIDLNA.MEDIA_DIR"),
+    SETTING("db_dir", MINIDLNA_CONF, db_dir, "USBMGR.MINIDLNA.DB_DIR"),
+    SETTING("log_dir", MINIDLNA_CONF, log_dir, "USBMGR.MINIDLNA.LOG_DIR"),
+    SETTING("log_level", MINIDLNA_CONF, log_level, "USBMGR.MINIDLNA.LOG_LEVEL"),
+    SETTING("root_container", MINIDLNA_CONF, root_container, "USBMGR.MINIDLNA.ROOT_CONTAINER"),
+    SETTING("port", MINIDLNA_CONF, port, "USBMGR.MINIDLNA.PORT"),
+    SETTING("friendly_name", MINIDLNA_CONF, friendly_name, "USBMGR.MINIDLNA.FRIENDLY_NAME"),
+    SETTING("serial", MINIDLNA_CONF, serial, "USBMGR.MINIDLNA.SERIAL"),
+    SETTING("model_name", MINIDLNA_CONF, model_name, "USBMGR.MINIDLNA.MODEL_NAME"),
+    SETTING("model_number", MINIDLNA_CONF, model_number, "USBMGR.MINIDLNA.MODEL_NUMBER"),
+    SETTING("inotify", MINIDLNA_CONF, inotify, "USBMGR.MINIDLNA.INOTIFY"),
+    SETTING("notify_interval", MINIDLNA_CONF, notify_interval, "USBMGR.MINIDLNA.NOTIFY_INTERVAL"),
 };
 
 // "allow_guests" is the bus name of USERSHARE_ALLOW_GUESTS; the file key's
 // own suffix is not a name here. The configuration file path and the user
 // map cannot be set over the bus.
 const TextSetting kSambaSettings[] = {
-    SETTING("log_file", SAMBA_CONF, log_file),
-    SETTING("max_log_size", SAMBA_CONF, max_log_size),
-    SETTING("log_level", SAMBA_CONF, log_level),
-    SETTING("load_printers", SAMBA_CONF, load_printers),
-    SETTING("printcap_name", SAMBA_CONF, printcap_name),
-    SETTING("printing", SAMBA_CONF, printing),
-    SETTING("security", SAMBA_CONF, security),
-    SETTING("workgroup", SAMBA_CONF, workgroup),
-    SETTING("disable_netbios", SAMBA_CONF, disable_netbios),
-    SETTING("netbios_name", SAMBA_CONF, netbios_name),
-    SETTING("server_string", SAMBA_CONF, server_string),
-    SETTING("allow_guests", SAMBA_CONF, usershare_allow_guests),
-    SETTING("guest_account", SAMBA_CONF, guest_account),
-    SETTING("interfaces", SAMBA_CONF, interfaces),
-    SETTING("bind_interfaces_only", SAMBA_CONF, bind_interfaces_only),
+    SETTING("log_file", SAMBA_CONF, log_file, "USBMGR.SAMBA.LOG_FILE"),
+    SETTING("max_log_size", SAMBA_CONF, max_log_size, "USBMGR.SAMBA.MAX_LOG_SIZE"),
+    SETTING("log_level", SAMBA_CONF, log_level, "USBMGR.SAMBA.LOG_LEVEL"),
+    SETTING("load_printers", SAMBA_CONF, load_printers, "USBMGR.SAMBA.LOAD_PRINTERS"),
+    SETTING("printcap_name", SAMBA_CONF, printcap_name, "USBMGR.SAMBA.PRINTCAP_NAME"),
+    SETTING("printing", SAMBA_CONF, printing, "USBMGR.SAMBA.PRINTING"),
+    SETTING("security", SAMBA_CONF, security, "USBMGR.SAMBA.SECURITY"),
+    SETTING("workgroup", SAMBA_CONF, workgroup, "USBMGR.SAMBA.WORKGROUP"),
+    SETTING("disable_netbios", SAMBA_CONF, disable_netbios, "USBMGR.SAMBA.DISABLE_NETBIOS"),
+    SETTING("netbios_name", SAMBA_CONF, netbios_name, "USBMGR.SAMBA.NETBIOS_NAME"),
+    SETTING("server_string", SAMBA_CONF, server_string, "USBMGR.SAMBA.SERVER_STRING"),
+    SETTING("allow_guests", SAMBA_CONF, usershare_allow_guests, "USBMGR.SAMBA.USERSHARE_ALLOW_GUESTS"),
+    SETTING("guest_account", SAMBA_CONF, guest_account, "USBMGR.SAMBA.GUEST_ACCOUNT"),
+    SETTING("interfaces", SAMBA_CONF, interfaces, "USBMGR.SAMBA.INTERFACES"),
+    SETTING("bind_interfaces_only", SAMBA_CONF, bind_interfaces_only, "USBMGR.SAMBA.BIND_INTERFACES_ONLY"),
 };
 
 #undef SETTING
 
-enum class SetKind { text, enable, reload, unknown };
+enum class SetKind { text, enable, reload, unknown, refused };
 
-// Stores value into its field: cleared to the field's width, then copied,
-// cut (and logged) where it would not leave room for the NUL, control
-// characters made '_' so that the value stays one line of the settings file.
-void store_text(const TextSetting& s, const char* value) {
-    std::memset(s.field, 0, s.size);
-    const std::size_t len = std::strlen(value);
-    if (len >= s.size)
+// Stores value into its field as the field would hold it: cut (and logged)
+// where it would not leave room for the NUL, control characters made '_'
+// so that the value stays one line of the settings file. What would be
+// stored is checked against the setting's form first; a value outside it
+// leaves the field as it was.
+bool store_text(const TextSetting& s, const char* value) {
+    char stored[DB_UTIL_VALUE_SIZE] = {};
+    const std::size_t size = std::min(s.size, sizeof stored);
+    usbmgr::copy_bounded(stored, size, value);
+    usbmgr::sanitize_value_text(stored, size);
+    if (!usbmgr_setting_ok(s.key, stored)) return false;
+    if (std::strlen(value) >= s.size)
         USBMGR_TRACE(USBMGR_LOG_DEBUG, "value of %s cut to %d characters", s.name, static_cast<int>(s.size - 1));
-    usbmgr::copy_bounded(s.field, s.size, value);
-    usbmgr::sanitize_value_text(s.field, s.size);
+    std::memset(s.field, 0, s.size);
+    usbmgr::copy_bounded(s.field, s.size, stored);
+    return true;
 }
 
-// Applies one named setting to its record: a text setting, the enable (the
-// decimal value of the text, as atoi reads it), reload or an unknown name
-// (both change nothing).
-SetKind apply_setting(std::span<const TextSetting> table, int32_t& enable, const char* name, const char* value) {
+// Applies one named setting to its record: a text setting, the enable (0
+// or 1, as its settings-file key takes it), reload or an unknown name (both
+// change nothing).
+SetKind apply_setting(std::span<const TextSetting> table, int32_t& enable, const char* enable_key, const char* name,
+                      const char* value) {
     if (std::strcmp(name, "enable") == 0) {
+        if (!usbmgr_setting_ok(enable_key, value)) return SetKind::refused;
         enable = static_cast<int32_t>(std::strtol(value, nullptr, 10));
         return SetKind::enable;
     }
     if (std::strcmp(name, "reload") == 0) return SetKind::reload;
     for (const TextSetting& s : table) {
         if (std::strcmp(name, s.name) == 0) {
-            store_text(s, value);
-            return SetKind::text;
+            return store_text(s, value) ? SetKind::text : SetKind::refused;
         }
     }
     return SetKind::unknown;
@@ -112,6 +122,7 @@ SetKind apply_setting(std::span<const TextSetting> table, int32_t& enable, const
 struct ServerSettings {
     std::span<const TextSetting> names;
     int32_t& enable;
+    const char* enable_key;
     int32_t reload_target;
     bool samba;
     int (*start)();
@@ -128,7 +139,8 @@ void set_server_setting(const ServerSettings& server, const CmdSetConf& cmd) {
     usbmgr::DaemonLock lock;
     const FieldText name(cmd.name);
     const FieldText value(cmd.value);
-    const SetKind kind = apply_setting(server.names, server.enable, name.text, value.text);
+    const SetKind kind = apply_setting(server.names, server.enable, server.enable_key, name.text, value.text);
+    if (kind == SetKind::refused) return;  // logged; nothing saved, rebuilt or reloaded
     if (kind != SetKind::reload) usbmgr_conf_save();
     if (server.samba) usbmgr_tr140_db_build();  // the model shows the Samba state
     if (kind != SetKind::enable) {
@@ -175,13 +187,13 @@ void usbmgr_cmd_get_samba_conf(SambaConf& cmd) {
 void usbmgr_cmd_get_usb_serial_enable(CmdGetUsbSerialEnable& cmd) { cmd.enable = USB_SERIAL_ENABLE; }
 
 void usbmgr_cmd_set_minidlna_conf(CmdSetConf& cmd) {
-    set_server_setting({kMiniDlnaSettings, MINIDLNA_CONF.enable, kReloadMiniDlna, false, app_util_start_minidlna,
+    set_server_setting({kMiniDlnaSettings, MINIDLNA_CONF.enable, "USBMGR.MINIDLNA.ENABLE", kReloadMiniDlna, false, app_util_start_minidlna,
                         app_util_stop_minidllna},
                        cmd);
 }
 
 void usbmgr_cmd_set_samba_conf(CmdSetConf& cmd) {
-    set_server_setting({kSambaSettings, SAMBA_CONF.enable, kReloadSamba, true, app_util_start_samba, app_util_stop_samba},
+    set_server_setting({kSambaSettings, SAMBA_CONF.enable, "USBMGR.SAMBA.ENABLE", kReloadSamba, true, app_util_start_samba, app_util_stop_samba},
                        cmd);
 }
 

@@ -4,8 +4,10 @@
 // Input: u16 length and the settings file's bytes, then changes to the
 // records, each a field number and a u8-length text (string fields) or
 // four bytes (integer fields). Load, change, save, then load again: the
-// records must come back equal, and the saved file must hold every key
-// once, one key=value a line.
+// records must come back equal but for values outside their setting's
+// form, which the load refuses (one line each) and replaces; a further
+// save and load changes nothing. The saved file must hold every key once,
+// one key=value a line.
 #include <cstdint>
 #include <cstring>
 #include <string>
@@ -14,6 +16,7 @@
 #include "db_util/db_util.h"
 #include "db_util/str.h"
 #include "fuzz_support.h"
+#include "platform_fake.h"
 
 namespace {
 
@@ -131,11 +134,29 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     if (fuzz::temp_left_beside(USBMGR_CONF_PATH)) fuzz::finding("new settings file left behind by the save", USBMGR_CONF_PATH);
 
     clear_records();
+    fake::reset();
     if (usbmgr_conf_load() != 1) fuzz::finding("saved settings file does not load whole", saved);
+    std::size_t refusals = 0;
+    for (const auto& t : fake::log_texts())
+        if (t.rfind("refusing value '", 0) == 0) ++refusals;
     const std::vector<std::string> after = snapshot();
+    std::size_t changed = 0;
     for (std::size_t i = 0; i < before.size(); ++i)
-        if (before[i] != after[i])
-            fuzz::finding("setting changed by a save and load", field_name(i) + ": '" + before[i] + "' became '" +
-                                                                     after[i] + "'");
+        if (before[i] != after[i]) ++changed;
+    // Each changed value was refused by the load, with its own line.
+    if (changed > refusals)
+        for (std::size_t i = 0; i < before.size(); ++i)
+            if (before[i] != after[i])
+                fuzz::finding("setting changed by a save and load without a refusal",
+                              field_name(i) + ": '" + before[i] + "' became '" + after[i] + "'");
+    // What the load put in place of a refused value stays.
+    usbmgr_conf_save();
+    clear_records();
+    if (usbmgr_conf_load() != 1) fuzz::finding("saved settings file does not load whole", "second save");
+    const std::vector<std::string> again = snapshot();
+    for (std::size_t i = 0; i < after.size(); ++i)
+        if (after[i] != again[i])
+            fuzz::finding("setting changed by a second save and load",
+                          field_name(i) + ": '" + after[i] + "' became '" + again[i] + "'");
     return 0;
 }

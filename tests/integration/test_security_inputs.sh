@@ -2,8 +2,12 @@
 # Inputs an attacker on the bus or on a USB disk chooses, against the real
 # daemon and servers with the factory settings (Samba and MiniDLNA
 # enabled), one named case each: commands 10 and 12 taking the gateway
-# account's name root; volume names that Samba would expand (%h%v) or that
-# it reserves (IPC$). Each is refused or made plain, and nothing of the
+# account's name root; commands 5 and 6 pointing the MiniDLNA database
+# folder (which a restart deletes) at a folder under /var, the media and log
+# folders at /etc and Samba's log file into /etc/profile.d; volume names
+# that Samba would expand (%h%v) or that it reserves (IPC$); last, a restart
+# of the daemon while minidlnad runs, with the database folder under /var in
+# the settings file. Each is refused or made plain, and nothing of the
 # gateway changes. Runs inside scripts/sandbox.sh.
 set -euo pipefail
 . "$USBMGR_SOURCE_DIR/scripts/sandbox-lib.sh" || exit 1
@@ -49,6 +53,20 @@ check "add and modify root: root's Samba password is the gateway's still" [ "$(r
 check "add and modify root: the attacker's password does not log in" \
     bash -c "! smbclient -L 127.0.0.1 -U 'root%attacker-pw' >/dev/null 2>&1"
 
+# --- commands 5 and 6 pointing settings at folders of the system
+mkdir -p /var/lib/precious && echo keep >/var/lib/precious/data
+usbmgrctl minidlna-set db_dir /var/lib/precious >/dev/null
+usbmgrctl minidlna-set media_dir /etc >/dev/null
+usbmgrctl minidlna-set log_dir /etc >/dev/null
+usbmgrctl samba-set log_file /etc/profile.d/usbmgr.sh >/dev/null
+for refused in "/var/lib/precious' of USBMGR.MINIDLNA.DB_DIR" "/etc' of USBMGR.MINIDLNA.MEDIA_DIR" \
+    "/etc' of USBMGR.MINIDLNA.LOG_DIR" "/etc/profile.d/usbmgr.sh' of USBMGR.SAMBA.LOG_FILE"; do
+    check "settings: refused with one line: '$refused" [ "$(grep -cF -- "refusing value '$refused" "$ORBIIL_LOG_FILE")" -eq 1 ]
+done
+check "settings: the file keeps the factory folders" bash -c "grep -qx 'USBMGR.MINIDLNA.DB_DIR=/var/cache/minidlna' $settings &&
+    grep -qx 'USBMGR.MINIDLNA.MEDIA_DIR=/tmp/disk' $settings && grep -qx 'USBMGR.MINIDLNA.LOG_DIR=/var/log' $settings &&
+    grep -qx 'USBMGR.SAMBA.LOG_FILE=/var/samba/log.%m' $settings"
+
 # --- volume names Samba expands or reserves
 usbmgrctl plug --port 1-1 --device sda,sda1,sda2 --serial SER-SEC --vendor ACME --product Stick >/dev/null
 check "shares: both volumes are shared after the reload" wait_for "has_share sda2" 30
@@ -59,7 +77,29 @@ check "a volume named %h%v: the listing shows no host name" bash -c "! grep -qiF
 version=$(smbd -V | sed 's/^Version //')
 check "a volume named %h%v: the listing shows no Samba version" bash -c "! grep -qF -- '$version' '$work/shares'"
 check "a volume named IPC\$: shared under its device name sda2" has_share sda2
+check "Samba log file in /etc/profile.d: smb.conf keeps the factory log file" \
+    grep -qx '   log file = /var/samba/log.%m' /etc/samba/smb.conf
+check "Samba log file in /etc/profile.d: root's smbd created no file there" [ ! -e /etc/profile.d/usbmgr.sh ]
 check "a volume named IPC\$: no share of that name" bash -c "! grep -q '^\[IPC\\$\]' /etc/samba/smb.conf"
+
+# A MiniDLNA restart is where the database folder goes: a daemon that
+# starts while minidlnad runs kills it and deletes the folder. The settings
+# file holds the folder as a daemon without the check saved it.
+stop_daemon 60
+detach_disk sda >/dev/null 2>&1 || true
+sed -i 's|^USBMGR.MINIDLNA.DB_DIR=.*|USBMGR.MINIDLNA.DB_DIR=/var/lib/precious|' "$settings"
+/sbin/minidlnad -f /var/minidlna.conf -R
+check "db_dir under /var: a minidlnad runs before the restart" wait_for "running minidlnad" 15
+daemon=$(start_daemon debug)
+check "db_dir under /var: the daemon restarted" [ -n "$daemon" ]
+check "db_dir under /var: MiniDLNA restarted" wait_log "run command : rm -rf /var/cache/minidlna" 30
+check "db_dir under /var: the loaded folder is refused" \
+    [ "$(grep -cF -- "refusing value '/var/lib/precious' of USBMGR.MINIDLNA.DB_DIR" "$ORBIIL_LOG_FILE")" -eq 2 ]
+check "db_dir under /var: minidlnad runs again" wait_for "running minidlnad" 15
+check "db_dir under /var: the folder is not deleted" [ -f /var/lib/precious/data ]
+check "db_dir under /var: no rm -rf of it" bash -c "! grep -qF 'rm -rf /var/lib/precious' '$ORBIIL_LOG_FILE'"
+check "media_dir and log_dir /etc: minidlna.conf as the restart wrote it names neither" \
+    bash -c "! grep -q '=/etc' /var/minidlna.conf"
 
 stop_daemon 60
 check "SIGTERM: the daemon ended" bash -c "! pgrep -x usbmgrd"

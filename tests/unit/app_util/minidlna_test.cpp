@@ -286,7 +286,8 @@ TEST_F(StartMiniDlna, SettingThatCouldPassForAnOptionIsRefusedNotRun) {
     seams.runner.respond = answer;
     seams.runner.pass_through = nullptr;
     app_util_start_minidlna();
-    EXPECT_TRUE(fake::logged("refusing command line 'rm -rf --no-preserve-root'"));
+    // The database folder's form refuses it before the command line would.
+    EXPECT_TRUE(fake::logged("refusing value '--no-preserve-root' of USBMGR.MINIDLNA.DB_DIR"));
     EXPECT_TRUE(fake::logged("refusing command line '/sbin/minidlnad -f -V -R'"));
     EXPECT_FALSE(fake::logged("run command : rm -rf --no-preserve-root"));
 }

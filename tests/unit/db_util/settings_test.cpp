@@ -7,6 +7,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "db_util/db_util.h"
@@ -206,18 +207,18 @@ TEST(Settings, SaveThatCannotMakeItsNewFileChangesNothing) {
     EXPECT_TRUE(fake::log_texts().empty());
 }
 
-TEST(Settings, OverlongAndBinaryValuesLoadCutToTheirFields) {
+TEST(Settings, OverlongValuesLoadCutToTheirFieldsAndBinaryOnesOutsideTheirFormAreNotTaken) {
     Seams seams;
     clear_settings();
     std::string text = factory_text();
-    auto pos = text.find("USBMGR.MINIDLNA.PORT=8200");
-    text.replace(pos, 25, "USBMGR.MINIDLNA.PORT=" + std::string(120, '9'));
+    auto pos = text.find("USBMGR.MINIDLNA.FRIENDLY_NAME=pelvan_kro");
+    text.replace(pos, 40, "USBMGR.MINIDLNA.FRIENDLY_NAME=" + std::string(120, '9'));
     pos = text.find("USBMGR.SAMBA.WORKGROUP=WORKGROUP");
     text.replace(pos, 32, std::string("USBMGR.SAMBA.WORKGROUP=\x01\xfe\x7f", 26));
     write_file(USBMGR_CONF_PATH, text);
     EXPECT_EQ(usbmgr_conf_load(), 1);
-    EXPECT_EQ(std::string(MINIDLNA_CONF.port), std::string(9, '9'));
-    EXPECT_EQ(std::string(SAMBA_CONF.workgroup), std::string("\x01\xfe\x7f", 3));
+    EXPECT_EQ(std::string(MINIDLNA_CONF.friendly_name), std::string(sizeof MINIDLNA_CONF.friendly_name - 1, '9'));
+    EXPECT_EQ(std::string(SAMBA_CONF.workgroup), "WORKGROUP");
 }
 
 TEST(Settings, ValueHoldingANewlineIsSavedOnOneLineAndAddsNoKey) {
@@ -276,4 +277,251 @@ TEST(Settings, SaveReplacesALinkPlantedAtTheSettingsFileAndLeavesItsTargetAlone)
     struct stat st {};
     ASSERT_EQ(lstat(USBMGR_CONF_PATH, &st), 0);
     EXPECT_TRUE(S_ISREG(st.st_mode));
+}
+
+// ---------------------------------------------------------------------------
+// Forms: what each setting's value must look like.
+
+namespace {
+
+// The one log line of a refused value: its text, level ERROR, module db_util.c.
+void expect_one_refusal(const std::string& key, const std::string& value) {
+    ASSERT_EQ(fake::bus().log.size(), 1u) << key << "=" << value;
+    EXPECT_EQ(fake::bus().log[0].text, "refusing value '" + value + "' of " + key);
+    EXPECT_EQ(fake::bus().log[0].level, 1);
+    EXPECT_EQ(fake::bus().log[0].module, "db_util.c");
+}
+
+using KeyValues = std::vector<std::pair<std::string, std::string>>;
+
+// Values outside their setting's form, one or more for each form.
+const KeyValues kRefused = {
+    {"USBMGR.MINIDLNA.PORT", "0"},
+    {"USBMGR.MINIDLNA.PORT", "65536"},
+    {"USBMGR.MINIDLNA.PORT", "-1"},
+    {"USBMGR.MINIDLNA.PORT", "0000065536"},
+    {"USBMGR.MINIDLNA.PORT", "80a"},
+    {"USBMGR.MINIDLNA.PORT", ""},
+    {"USBMGR.MINIDLNA.NOTIFY_INTERVAL", "86401"},
+    {"USBMGR.SAMBA.MAX_LOG_SIZE", "1048577"},
+    {"USBMGR.SAMBA.LOG_LEVEL", "11"},
+    {"USBMGR.SAMBA.LOG_LEVEL", " 1"},
+    {"USBMGR.MINIDLNA.INOTIFY", "Yes"},
+    {"USBMGR.SAMBA.LOAD_PRINTERS", "true"},
+    {"USBMGR.SAMBA.BIND_INTERFACES_ONLY", ""},
+    {"USBMGR.MINIDLNA.ROOT_CONTAINER", "X"},
+    {"USBMGR.SAMBA.PRINTING", "lpd"},
+    {"USBMGR.SAMBA.SECURITY", "User"},
+    {"USBMGR.SAMBA.WORKGROUP", "WORK GROUP"},
+    {"USBMGR.SAMBA.NETBIOS_NAME", "NAS%h"},
+    {"USBMGR.SAMBA.GUEST_ACCOUNT", "a/b"},
+    {"USBMGR.SAMBA.USERNAME_MAP", "root\"x"},
+    {"USBMGR.MINIDLNA.LOG_LEVEL", "off;"},
+    {"USBMGR.MINIDLNA.CONF_DIR", "var/minidlna.conf"},
+    {"USBMGR.SAMBA.CONF_DIR", "/etc/samba/../smb.conf"},
+    {"USBMGR.SAMBA.USERNAME_MAP_DIR", "/var/samba//smbusers"},
+    {"USBMGR.SAMBA.PRINTCAP_NAME", "/dev/null/"},
+    {"USBMGR.MOUNT_DISK_PATH", "/"},
+    {"USBMGR.MOUNT_DISK_PATH", "/tmp/./disk"},
+    // What a restart deletes whole: only below /var/cache or /tmp.
+    {"USBMGR.MINIDLNA.DB_DIR", "/var/cache"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/tmp"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/var/lib/dpkg"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/var/cache/../lib"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/var/cachet"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/etc"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/"},
+    {"USBMGR.MINIDLNA.LOG_DIR", "/etc"},
+    {"USBMGR.MINIDLNA.LOG_DIR", "/var/log/../../etc"},
+    {"USBMGR.MINIDLNA.LOG_DIR", "/var/logs"},
+    {"USBMGR.MINIDLNA.LOG_DIR", "/var/log/"},
+    {"USBMGR.SAMBA.LOG_FILE", "/etc/profile.d/log.%m"},
+    {"USBMGR.SAMBA.LOG_FILE", "/etc/profile.d/samba.sh"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/samba"},
+    {"USBMGR.SAMBA.LOG_FILE", "/etc/%m"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/samba/../%m"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/samba/log.%h"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/samba/%m.log"},
+    {"USBMGR.MINIDLNA.MEDIA_DIR", "/etc"},
+    {"USBMGR.MINIDLNA.MEDIA_DIR", "/tmp/disk/../../etc"},
+    {"USBMGR.MINIDLNA.MEDIA_DIR", "/tmp/diskette"},
+    {"USBMGR.MINIDLNA.MEDIA_DIR", "/tmp/disk/"},
+    // The integer settings: the enables and switches 0 or 1.
+    {"USBMGR.MINIDLNA.ENABLE", "2"},
+    {"USBMGR.SAMBA.ENABLE", "-1"},
+    {"USBMGR.SAMBA.ENABLE", "1x"},
+    {"USBMGR.USB_SERIAL.ENABLE", "5"},
+    {"USBMGR.AUTO_CREATE_USER_ACCESS", "2"},
+    {"USBMGR.NUMBER_OF_SERVICE", "2"},
+    {"USBMGR.NUMBER_OF_HISTORY", "0"},
+    {"USBMGR.NUMBER_OF_HISTORY", "101"},
+    // Whoever connects as a guest is this account: never root.
+    {"USBMGR.SAMBA.GUEST_ACCOUNT", "root"},
+    {"USBMGR.SAMBA.GUEST_ACCOUNT", "Root"},
+    {"USBMGR.SAMBA.GUEST_ACCOUNT", ""},
+    // A key of no setting is no place for any value.
+    {"USBMGR.NO_SUCH_KEY", "x"},
+};
+
+// Values in their setting's form, at the edges of each.
+const KeyValues kAccepted = {
+    {"USBMGR.MINIDLNA.PORT", "1"},
+    {"USBMGR.MINIDLNA.PORT", "65535"},
+    {"USBMGR.MINIDLNA.NOTIFY_INTERVAL", "86400"},
+    {"USBMGR.SAMBA.MAX_LOG_SIZE", "0"},
+    {"USBMGR.SAMBA.MAX_LOG_SIZE", "0000000000000000000000000000500"},
+    {"USBMGR.SAMBA.LOG_LEVEL", "10"},
+    {"USBMGR.MINIDLNA.INOTIFY", "no"},
+    {"USBMGR.SAMBA.DISABLE_NETBIOS", "yes"},
+    {"USBMGR.MINIDLNA.ROOT_CONTAINER", "B"},
+    {"USBMGR.SAMBA.PRINTING", "cups"},
+    {"USBMGR.SAMBA.SECURITY", "share"},
+    {"USBMGR.SAMBA.WORKGROUP", "HOME-NET_2.lan"},
+    {"USBMGR.MINIDLNA.SERIAL", ""},
+    {"USBMGR.MINIDLNA.LOG_LEVEL", "general,artwork=warn"},
+    {"USBMGR.MINIDLNA.FRIENDLY_NAME", "Living room (2%)"},
+    {"USBMGR.SAMBA.SERVER_STRING", "%h server"},
+    {"USBMGR.SAMBA.INTERFACES", "eth0 192.168.1.0/24"},
+    {"USBMGR.SAMBA.CONF_DIR", "/etc/samba/smb.conf"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/var/cache/minidlna"},
+    {"USBMGR.MINIDLNA.DB_DIR", "/tmp/minidlna/db"},
+    {"USBMGR.MINIDLNA.LOG_DIR", "/var/log"},
+    {"USBMGR.MINIDLNA.LOG_DIR", "/var/samba/dlna"},
+    {"USBMGR.MINIDLNA.LOG_DIR", "/tmp"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/samba/log.%m"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/log/samba/log.smbd"},
+    {"USBMGR.SAMBA.LOG_FILE", "/tmp/smb%m"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/samba/%m"},
+    {"USBMGR.SAMBA.LOG_FILE", "/var/log/samba/%m"},
+    {"USBMGR.MINIDLNA.ENABLE", "0"},
+    {"USBMGR.SAMBA.ENABLE", "1"},
+    {"USBMGR.USB_SERIAL.ENABLE", "1"},
+    {"USBMGR.NUMBER_OF_HISTORY", "1"},
+    {"USBMGR.NUMBER_OF_HISTORY", "100"},
+    {"USBMGR.SAMBA.GUEST_ACCOUNT", "nobody"},
+    {"USBMGR.MINIDLNA.MEDIA_DIR", "/tmp/disk"},
+    {"USBMGR.MINIDLNA.MEDIA_DIR", "/tmp/disk/sda1/Music"},
+};
+
+}  // namespace
+
+TEST(SettingForms, EveryFactoryValueHasItsSettingsForm) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text());
+    fake::reset();
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    for (const auto& t : fake::log_texts()) EXPECT_EQ(t.rfind("refusing", 0), std::string::npos) << t;
+}
+
+TEST(SettingForms, ValuesOutsideTheirFormAreRefusedWithOneErrorLine) {
+    Seams seams;
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk");
+    for (const auto& [key, value] : kRefused) {
+        fake::reset();
+        EXPECT_FALSE(usbmgr_setting_ok(key.c_str(), value.c_str())) << key << "=" << value;
+        expect_one_refusal(key, value);
+    }
+}
+
+TEST(SettingForms, ValuesInTheirFormAreTakenWithoutALogLine) {
+    Seams seams;
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/tmp/disk");
+    for (const auto& [key, value] : kAccepted) {
+        fake::reset();
+        EXPECT_TRUE(usbmgr_setting_ok(key.c_str(), value.c_str())) << key << "=" << value;
+        EXPECT_TRUE(fake::bus().log.empty()) << key << "=" << value;
+    }
+}
+
+TEST(SettingForms, TheMediaFolderLiesAtOrBelowTheMountRootAsItIsNow) {
+    Seams seams;
+    usbmgr::copy_str(MOUNT_DISK_PATH, "/var/usb");
+    EXPECT_TRUE(usbmgr_setting_ok("USBMGR.MINIDLNA.MEDIA_DIR", "/var/usb/sda1"));
+    EXPECT_FALSE(usbmgr_setting_ok("USBMGR.MINIDLNA.MEDIA_DIR", "/tmp/disk"));
+}
+
+// A loaded value outside its form is not taken: the setting keeps its
+// factory value (the media folder: the mount root), one line each.
+TEST(SettingForms, ALoadedValueOutsideItsFormFallsBackToTheFactoryValue) {
+    Seams seams;
+    clear_settings();
+    std::string text = factory_text();
+    const auto swap = [&text](const std::string& from, const std::string& to) {
+        const auto pos = text.find(from);
+        ASSERT_NE(pos, std::string::npos) << from;
+        text.replace(pos, from.size(), to);
+    };
+    swap("USBMGR.MOUNT_DISK_PATH=/tmp/disk", "USBMGR.MOUNT_DISK_PATH=/var/usb");
+    swap("USBMGR.MINIDLNA.DB_DIR=/var/cache/minidlna", "USBMGR.MINIDLNA.DB_DIR=/var/lib");
+    swap("USBMGR.MINIDLNA.MEDIA_DIR=/tmp/disk", "USBMGR.MINIDLNA.MEDIA_DIR=/etc");
+    swap("USBMGR.SAMBA.LOG_FILE=/var/samba/log.%m", "USBMGR.SAMBA.LOG_FILE=/etc/profile.d/x.sh");
+    swap("USBMGR.MINIDLNA.PORT=8200", "USBMGR.MINIDLNA.PORT=99999");
+    write_file(USBMGR_CONF_PATH, text);
+    fake::reset();
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_STREQ(MOUNT_DISK_PATH, "/var/usb");
+    EXPECT_STREQ(MINIDLNA_CONF.db_dir, "/var/cache/minidlna");
+    EXPECT_STREQ(MINIDLNA_CONF.media_dir, "/var/usb");
+    EXPECT_STREQ(SAMBA_CONF.log_file, "/var/samba/log.%m");
+    EXPECT_STREQ(MINIDLNA_CONF.port, "8200");
+    std::vector<std::string> refusals;
+    for (const auto& line : fake::bus().log)
+        if (line.text.rfind("refusing", 0) == 0) {
+            refusals.push_back(line.text);
+            EXPECT_EQ(line.level, 1);
+            EXPECT_EQ(line.module, "db_util.c");
+        }
+    EXPECT_EQ(refusals, (std::vector<std::string>{"refusing value '/var/lib' of USBMGR.MINIDLNA.DB_DIR",
+                                                  "refusing value '/etc' of USBMGR.MINIDLNA.MEDIA_DIR",
+                                                  "refusing value '99999' of USBMGR.MINIDLNA.PORT",
+                                                  "refusing value '/etc/profile.d/x.sh' of USBMGR.SAMBA.LOG_FILE"}));
+}
+
+TEST(SettingForms, TheGuestAccountIsNeverTheAccountTheUserMapMapsTo) {
+    Seams seams;
+    clear_settings();
+    usbmgr::copy_str(SAMBA_CONF.username_map, "admin");
+    EXPECT_FALSE(usbmgr_setting_ok("USBMGR.SAMBA.GUEST_ACCOUNT", "ADMIN"));
+    expect_one_refusal("USBMGR.SAMBA.GUEST_ACCOUNT", "ADMIN");
+    EXPECT_TRUE(usbmgr_setting_ok("USBMGR.SAMBA.GUEST_ACCOUNT", "admins"));
+    clear_settings();
+}
+
+// The guest account is read before the user map's target; it is checked
+// against the target the file names all the same.
+TEST(SettingForms, ALoadedGuestAccountNamedAsTheUserMapsTargetFallsBackToTheFactoryGuest) {
+    Seams seams;
+    clear_settings();
+    std::string text = factory_text();
+    text.replace(text.find("GUEST_ACCOUNT=1234"), 18, "GUEST_ACCOUNT=admin");
+    text.replace(text.find("USERNAME_MAP=root"), 17, "USERNAME_MAP=admin");
+    write_file(USBMGR_CONF_PATH, text);
+    fake::reset();
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_STREQ(SAMBA_CONF.guest_account, "1234");
+    EXPECT_STREQ(SAMBA_CONF.username_map, "admin");
+    EXPECT_TRUE(fake::logged(1, "db_util.c", "refusing value 'admin' of USBMGR.SAMBA.GUEST_ACCOUNT"));
+}
+
+// An integer outside its range falls back to its factory value with one
+// line; a missing one still reads -1, as before.
+TEST(SettingForms, ALoadedIntegerOutsideItsRangeFallsBackToTheFactoryValueAndAMissingOneReadsMinusOne) {
+    Seams seams;
+    clear_settings();
+    std::string text = factory_text();
+    text.replace(text.find("USBMGR.SAMBA.ENABLE=1"), 21, "USBMGR.SAMBA.ENABLE=7");
+    text.replace(text.find("USBMGR.NUMBER_OF_HISTORY=10"), 27, "USBMGR.NUMBER_OF_HISTORY=99999");
+    text.erase(text.find("USBMGR.USB_SERIAL.ENABLE=0\n"), 27);
+    write_file(USBMGR_CONF_PATH, text);
+    fake::reset();
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_EQ(SAMBA_CONF.enable, 1);
+    EXPECT_EQ(NUMBER_OF_MAX_TR140_HISTORY_ITEM, 10);
+    EXPECT_EQ(USB_SERIAL_ENABLE, -1);
+    std::vector<std::string> refusals;
+    for (const auto& line : fake::bus().log)
+        if (line.text.rfind("refusing", 0) == 0) refusals.push_back(line.text);
+    EXPECT_EQ(refusals, (std::vector<std::string>{"refusing value '7' of USBMGR.SAMBA.ENABLE",
+                                                  "refusing value '99999' of USBMGR.NUMBER_OF_HISTORY"}));
 }

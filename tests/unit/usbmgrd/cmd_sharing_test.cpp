@@ -6,7 +6,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <span>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -227,19 +229,26 @@ TEST_F(SharingCommands, MiniDlnaSettingIsStoredSavedAndSchedulesTheMiniDlnaReloa
     EXPECT_TRUE(all_true(held));
 }
 
+// Each name with a value of its setting's form.
 TEST_F(SharingCommands, EveryMiniDlnaNameReachesItsOwnField) {
-    const std::pair<const char*, char*> names[] = {
-        {"media_dir", MINIDLNA_CONF.media_dir},     {"db_dir", MINIDLNA_CONF.db_dir},
-        {"log_dir", MINIDLNA_CONF.log_dir},         {"log_level", MINIDLNA_CONF.log_level},
-        {"root_container", MINIDLNA_CONF.root_container}, {"port", MINIDLNA_CONF.port},
-        {"friendly_name", MINIDLNA_CONF.friendly_name}, {"serial", MINIDLNA_CONF.serial},
-        {"model_name", MINIDLNA_CONF.model_name},   {"model_number", MINIDLNA_CONF.model_number},
-        {"inotify", MINIDLNA_CONF.inotify},         {"notify_interval", MINIDLNA_CONF.notify_interval},
+    const std::tuple<const char*, char*, const char*> names[] = {
+        {"media_dir", MINIDLNA_CONF.media_dir, "/tmp/disk/v1"},
+        {"db_dir", MINIDLNA_CONF.db_dir, "/tmp/v1"},
+        {"log_dir", MINIDLNA_CONF.log_dir, "/tmp/v1"},
+        {"log_level", MINIDLNA_CONF.log_level, "v1"},
+        {"root_container", MINIDLNA_CONF.root_container, "V"},
+        {"port", MINIDLNA_CONF.port, "8201"},
+        {"friendly_name", MINIDLNA_CONF.friendly_name, "v1"},
+        {"serial", MINIDLNA_CONF.serial, "v1"},
+        {"model_name", MINIDLNA_CONF.model_name, "v1"},
+        {"model_number", MINIDLNA_CONF.model_number, "v1"},
+        {"inotify", MINIDLNA_CONF.inotify, "no"},
+        {"notify_interval", MINIDLNA_CONF.notify_interval, "61"},
     };
-    for (const auto& [name, field] : names) {
-        auto c = set_request(name, "v1");
+    for (const auto& [name, field, value] : names) {
+        auto c = set_request(name, value);
         usbmgr_cmd_set_minidlna_conf(c);
-        EXPECT_STREQ(field, "v1") << name;
+        EXPECT_STREQ(field, value) << name;
     }
 }
 
@@ -278,14 +287,22 @@ TEST_F(SharingCommands, MiniDlnaEnableSwitchedOnStartsTheServerAtOnceAndSchedule
     EXPECT_TRUE(all_true(held));
 }
 
-TEST_F(SharingCommands, MiniDlnaEnableTakesTheDecimalValueOfItsText) {
+TEST_F(SharingCommands, MiniDlnaEnableTakesZeroOrOneAndRefusesEveryOtherTextWithOneLine) {
     MINIDLNA_CONF.enable = 0;
-    auto c = set_request("enable", "7abc");
-    usbmgr_cmd_set_minidlna_conf(c);
-    EXPECT_EQ(MINIDLNA_CONF.enable, 7);
-    auto d = set_request("enable", "yes");
+    const std::string before = read_file(USBMGR_CONF_PATH);
+    for (const char* value : {"7abc", "yes", "7", "-1", "", " 1"}) {
+        fake::reset();
+        seams.runner.clear();
+        auto c = set_request("enable", value);
+        usbmgr_cmd_set_minidlna_conf(c);
+        EXPECT_EQ(MINIDLNA_CONF.enable, 0) << value;
+        EXPECT_EQ(fake::log_texts(), Lines{std::string("refusing value '") + value + "' of USBMGR.MINIDLNA.ENABLE"});
+        EXPECT_TRUE(seams.runner.texts().empty()) << value;
+        EXPECT_EQ(read_file(USBMGR_CONF_PATH), before) << value;
+    }
+    auto d = set_request("enable", "01");
     usbmgr_cmd_set_minidlna_conf(d);
-    EXPECT_EQ(MINIDLNA_CONF.enable, 0);
+    EXPECT_EQ(MINIDLNA_CONF.enable, 1);
 }
 
 TEST_F(SharingCommands, MiniDlnaReloadDoesNotWriteTheSettingsFileButSchedulesTheMiniDlnaReload) {
@@ -345,28 +362,29 @@ TEST_F(SharingCommands, KindTwoIsSentOnlyWhenTheDeferredReloadFlushes) {
     EXPECT_EQ(fake::sent_kinds(), (std::vector<uint32_t>{2}));
 }
 
+// Each name with a value of its setting's form.
 TEST_F(SharingCommands, EverySambaNameReachesItsOwnField) {
-    const std::pair<const char*, char*> names[] = {
-        {"log_file", SAMBA_CONF.log_file},
-        {"max_log_size", SAMBA_CONF.max_log_size},
-        {"log_level", SAMBA_CONF.log_level},
-        {"load_printers", SAMBA_CONF.load_printers},
-        {"printcap_name", SAMBA_CONF.printcap_name},
-        {"printing", SAMBA_CONF.printing},
-        {"security", SAMBA_CONF.security},
-        {"workgroup", SAMBA_CONF.workgroup},
-        {"disable_netbios", SAMBA_CONF.disable_netbios},
-        {"netbios_name", SAMBA_CONF.netbios_name},
-        {"server_string", SAMBA_CONF.server_string},
-        {"allow_guests", SAMBA_CONF.usershare_allow_guests},
-        {"guest_account", SAMBA_CONF.guest_account},
-        {"interfaces", SAMBA_CONF.interfaces},
-        {"bind_interfaces_only", SAMBA_CONF.bind_interfaces_only},
+    const std::tuple<const char*, char*, const char*> names[] = {
+        {"log_file", SAMBA_CONF.log_file, "/tmp/v1"},
+        {"max_log_size", SAMBA_CONF.max_log_size, "501"},
+        {"log_level", SAMBA_CONF.log_level, "2"},
+        {"load_printers", SAMBA_CONF.load_printers, "yes"},
+        {"printcap_name", SAMBA_CONF.printcap_name, "/etc/printcap"},
+        {"printing", SAMBA_CONF.printing, "cups"},
+        {"security", SAMBA_CONF.security, "share"},
+        {"workgroup", SAMBA_CONF.workgroup, "v1"},
+        {"disable_netbios", SAMBA_CONF.disable_netbios, "yes"},
+        {"netbios_name", SAMBA_CONF.netbios_name, "v1"},
+        {"server_string", SAMBA_CONF.server_string, "v1"},
+        {"allow_guests", SAMBA_CONF.usershare_allow_guests, "no"},
+        {"guest_account", SAMBA_CONF.guest_account, "v1"},
+        {"interfaces", SAMBA_CONF.interfaces, "v1"},
+        {"bind_interfaces_only", SAMBA_CONF.bind_interfaces_only, "yes"},
     };
-    for (const auto& [name, field] : names) {
-        auto c = set_request(name, "v1");
+    for (const auto& [name, field, value] : names) {
+        auto c = set_request(name, value);
         usbmgr_cmd_set_samba_conf(c);
-        EXPECT_STREQ(field, "v1") << name;
+        EXPECT_STREQ(field, value) << name;
     }
 }
 
@@ -466,32 +484,43 @@ TEST_F(SharingCommands, LongUnterminatedValueIsCutToItsFieldAndLoggedLeavingNeig
     // declared 192, the value field's 128 without a terminator.
     std::vector<uint8_t> buf(64 + 200, 'A');
     std::memset(buf.data(), 0, 64);
-    std::memcpy(buf.data(), "port", 4);
+    std::memcpy(buf.data(), "friendly_name", 13);
     EXPECT_EQ(call(5, buf), 0);
-    EXPECT_EQ(std::string(MINIDLNA_CONF.port, sizeof MINIDLNA_CONF.port), std::string(9, 'A') + '\0');
-    EXPECT_EQ(std::memcmp(before.root_container, MINIDLNA_CONF.root_container, sizeof before.root_container), 0);
-    EXPECT_EQ(std::memcmp(before.friendly_name, MINIDLNA_CONF.friendly_name, sizeof before.friendly_name), 0);
-    EXPECT_STREQ(MINIDLNA_CONF.friendly_name, "pelvan_kro");
-    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "value of port cut to 9 characters"));
-    EXPECT_EQ(lines_of("USBMGR.MINIDLNA.PORT"), Lines{"USBMGR.MINIDLNA.PORT=AAAAAAAAA"});
-    EXPECT_EQ(lines_of("USBMGR.MINIDLNA.FRIENDLY_NAME"), Lines{"USBMGR.MINIDLNA.FRIENDLY_NAME=pelvan_kro"});
+    EXPECT_EQ(std::string(MINIDLNA_CONF.friendly_name, sizeof MINIDLNA_CONF.friendly_name),
+              std::string(63, 'A') + '\0');
+    EXPECT_EQ(std::memcmp(before.port, MINIDLNA_CONF.port, sizeof before.port), 0);
+    EXPECT_EQ(std::memcmp(before.serial, MINIDLNA_CONF.serial, sizeof before.serial), 0);
+    EXPECT_STREQ(MINIDLNA_CONF.port, "8200");
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "value of friendly_name cut to 63 characters"));
+    EXPECT_EQ(lines_of("USBMGR.MINIDLNA.FRIENDLY_NAME"), Lines{"USBMGR.MINIDLNA.FRIENDLY_NAME=" + std::string(63, 'A')});
+    EXPECT_EQ(lines_of("USBMGR.MINIDLNA.PORT"), Lines{"USBMGR.MINIDLNA.PORT=8200"});
     // The bytes past the declared size are the caller's.
     EXPECT_EQ(std::string(buf.begin() + 192, buf.end()), std::string(72, 'A'));
 }
 
 TEST_F(SharingCommands, ValueThatFitsItsFieldExactlyIsNotCut) {
-    auto c = set_request("port", "123456789");
+    auto c = set_request("inotify", "no");
     usbmgr_cmd_set_minidlna_conf(c);
-    EXPECT_STREQ(MINIDLNA_CONF.port, "123456789");
+    EXPECT_STREQ(MINIDLNA_CONF.inotify, "no");
+    c = set_request("max_log_size", std::string(31, '0').c_str());
+    usbmgr_cmd_set_samba_conf(c);
+    EXPECT_EQ(std::string(SAMBA_CONF.max_log_size), std::string(31, '0'));
     for (const auto& t : fake::log_texts()) EXPECT_EQ(t.find("cut to"), std::string::npos) << t;
 }
 
-TEST_F(SharingCommands, SambaValueLongerThanItsTenCharacterFieldIsCutAndLogged) {
+// The form is checked on what the field would hold: a cut value that
+// still has it is taken (and the cut logged), one that loses it is not.
+TEST_F(SharingCommands, SambaValueLongerThanItsTenCharacterFieldIsCheckedAsCutAndLogged) {
     const SambaConf before = SAMBA_CONF;
-    auto c = set_request("security", "share-and-then-some");
+    auto c = set_request("log_level", "3000000000");
     usbmgr_cmd_set_samba_conf(c);
-    EXPECT_STREQ(SAMBA_CONF.security, "share-and");
-    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "value of security cut to 9 characters"));
+    EXPECT_STREQ(SAMBA_CONF.log_level, before.log_level);
+    EXPECT_FALSE(fake::logged(4, "usbmgrd.c", "value of log_level cut to 9 characters"));
+    EXPECT_TRUE(fake::logged(1, "db_util.c", "refusing value '300000000' of USBMGR.SAMBA.LOG_LEVEL"));
+    c = set_request("log_level", "0000000005");
+    usbmgr_cmd_set_samba_conf(c);
+    EXPECT_STREQ(SAMBA_CONF.log_level, "000000000");
+    EXPECT_TRUE(fake::logged(4, "usbmgrd.c", "value of log_level cut to 9 characters"));
     EXPECT_STREQ(SAMBA_CONF.workgroup, before.workgroup);
     EXPECT_STREQ(SAMBA_CONF.printing, before.printing);
 }
@@ -528,9 +557,9 @@ TEST_F(SharingCommands, ValueHoldingANewlineStaysOneLineOfTheSettingsFile) {
 }
 
 TEST_F(SharingCommands, SambaValueHoldingANewlineAddsNoParameterToTheSambaFile) {
-    auto c = set_request("workgroup", "HOME\n[evil]\n   path = /");
+    auto c = set_request("server_string", "HOME\n[evil]\n   path = /");
     usbmgr_cmd_set_samba_conf(c);
-    EXPECT_STREQ(SAMBA_CONF.workgroup, "HOME_[evil]_   path = /");
+    EXPECT_STREQ(SAMBA_CONF.server_string, "HOME_[evil]_   path = /");
     app_util_write_samba_conf();
     Lines lines = read_lines("/var/smb.conf");
     ASSERT_FALSE(lines.empty());
@@ -778,13 +807,13 @@ TEST_F(SharingCommands, AllOnesNameIsUnknownAndChangesNoSetting) {
 }
 
 TEST_F(SharingCommands, ControlCharactersInEveryValueByteNeverAddALine) {
-    for (const char* name : {"port", "friendly_name", "serial", "model_name"}) {
+    for (const char* name : {"friendly_name", "model_name"}) {
         CmdSetConf c{};
         usbmgr::copy_str(c.name, name);
         for (std::size_t i = 0; i < sizeof c.value; ++i) c.value[i] = static_cast<char>(1 + i % 31);
         usbmgr_cmd_set_minidlna_conf(c);
     }
-    for (const char* name : {"workgroup", "security", "server_string"}) {
+    for (const char* name : {"server_string", "interfaces"}) {
         CmdSetConf c{};
         usbmgr::copy_str(c.name, name);
         for (std::size_t i = 0; i < sizeof c.value; ++i) c.value[i] = (i % 2) ? '\n' : '\x7f';
@@ -812,8 +841,8 @@ struct SettingValues {
 TEST_F(SharingCommands, EveryMiniDlnaSettingTakesEachOfSeveralValuesInTurn) {
     const SettingValues settings[] = {
         {"media_dir", MINIDLNA_CONF.media_dir, "USBMGR.MINIDLNA.MEDIA_DIR", {"/tmp/disk/sda1", "/tmp/disk"}},
-        {"db_dir", MINIDLNA_CONF.db_dir, "USBMGR.MINIDLNA.DB_DIR", {"/var/minidlna", "/var/cache/minidlna"}},
-        {"log_dir", MINIDLNA_CONF.log_dir, "USBMGR.MINIDLNA.LOG_DIR", {"/var/minidlna", "/var/log"}},
+        {"db_dir", MINIDLNA_CONF.db_dir, "USBMGR.MINIDLNA.DB_DIR", {"/var/cache/dlna", "/tmp/minidlna", "/var/cache/minidlna"}},
+        {"log_dir", MINIDLNA_CONF.log_dir, "USBMGR.MINIDLNA.LOG_DIR", {"/var/log/minidlna", "/tmp", "/var/log"}},
         {"log_level", MINIDLNA_CONF.log_level, "USBMGR.MINIDLNA.LOG_LEVEL", {"warn", "error", "off"}},
         {"root_container", MINIDLNA_CONF.root_container, "USBMGR.MINIDLNA.ROOT_CONTAINER", {"B", "M", "."}},
         {"port", MINIDLNA_CONF.port, "USBMGR.MINIDLNA.PORT", {"8201", "9000", "8200"}},
@@ -866,9 +895,9 @@ TEST_F(SharingCommands, EverySambaSettingTakesEachOfSeveralValuesInTurn) {
 }
 
 TEST_F(SharingCommands, TheEnablesTakeSeveralValuesAndOnlyAChangeStartsOrStopsTheirServer) {
-    // Each value with the server starts (+) and stops (-) it caused.
-    // 7 and then 1 is a change too: any other number starts the server again.
-    const std::pair<const char*, const char*> steps[] = {{"0", "-"}, {"0", ""}, {"7", "+"}, {"1", "+"}, {"00", "-"}};
+    // Each value with the server starts (+) and stops (-) it caused; the
+    // enable is compared as a number, so 01 after 1 is no change.
+    const std::pair<const char*, const char*> steps[] = {{"0", "-"}, {"0", ""}, {"1", "+"}, {"01", ""}, {"00", "-"}};
     for (const bool samba : {false, true}) {
         std::string seen;
         for (const auto& [value, effect] : steps) {
@@ -888,5 +917,70 @@ TEST_F(SharingCommands, TheEnablesTakeSeveralValuesAndOnlyAChangeStartsOrStopsTh
         std::string expected;
         for (const auto& [value, effect] : steps) expected += std::string(value) + ":" + effect + " ";
         EXPECT_EQ(seen, expected) << (samba ? "Samba" : "MiniDLNA");
+    }
+}
+
+// ---------------------------------------------------------------------------
+// Commands 5 and 6 with values outside their setting's form: one log line,
+// and nothing stored, saved, rebuilt or reloaded.
+
+TEST_F(SharingCommands, SettingsPointedAtFoldersOfTheSystemAreRefusedWithOneLineAndChangeNothing) {
+    const std::string file_before = read_file(USBMGR_CONF_PATH);
+    const auto minidlna_before = testing_support::bytes_of(MINIDLNA_CONF);
+    const auto samba_before = testing_support::bytes_of(SAMBA_CONF);
+    const std::pair<const char*, const char*> minidlna[] = {
+        {"db_dir", "/var/lib/dpkg"}, {"db_dir", "/var/cache"}, {"media_dir", "/etc"},
+        {"log_dir", "/etc"},         {"port", "http"},          {"inotify", "maybe"},
+    };
+    const std::pair<const char*, const char*> samba[] = {
+        {"log_file", "/etc/profile.d/usbmgr.sh"}, {"log_level", "100"}, {"security", "none"},
+        {"workgroup", "HOME NET"},                {"printcap_name", "printcap"},
+        {"guest_account", "root"},                {"guest_account", "ROOT"},
+        {"enable", "2"},
+    };
+    for (const bool is_samba : {false, true}) {
+        for (const auto& [name, value] : is_samba ? std::span<const std::pair<const char*, const char*>>(samba)
+                                                  : std::span<const std::pair<const char*, const char*>>(minidlna)) {
+            fake::reset();
+            seams.runner.clear();
+            auto c = set_request(name, value);
+            if (is_samba)
+                usbmgr_cmd_set_samba_conf(c);
+            else
+                usbmgr_cmd_set_minidlna_conf(c);
+            ASSERT_EQ(fake::bus().log.size(), 1u) << name << "=" << value;
+            EXPECT_EQ(fake::bus().log[0].level, 1);
+            EXPECT_EQ(fake::bus().log[0].module, "db_util.c");
+            EXPECT_EQ(fake::bus().log[0].text.rfind(std::string("refusing value '") + value + "' of USBMGR.", 0), 0u)
+                << fake::bus().log[0].text;
+            EXPECT_TRUE(seams.runner.texts().empty()) << name;
+            EXPECT_EQ(usbmgr_reload_target, 0) << name;
+            EXPECT_TRUE(seams.clock.alarms().empty()) << name;
+            EXPECT_TRUE(pending_kinds().empty()) << name;
+            EXPECT_FALSE(model_built()) << name;
+        }
+    }
+    EXPECT_EQ(read_file(USBMGR_CONF_PATH), file_before);
+    EXPECT_EQ(testing_support::bytes_of(MINIDLNA_CONF), minidlna_before);
+    EXPECT_EQ(testing_support::bytes_of(SAMBA_CONF), samba_before);
+}
+
+// A MiniDLNA restart deletes its database folder: never one outside its
+// form, whatever put it in the record.
+TEST_F(SharingCommands, MiniDlnaRestartDeletesTheDatabaseFolderOnlyWhenItHasItsForm) {
+    minidlna_running = true;
+    app_util_start_minidlna();
+    const Lines first = seams.runner.texts();
+    EXPECT_NE(std::find(first.begin(), first.end(), "rm -rf /var/cache/minidlna"), first.end());
+    for (const char* db_dir : {"/var/lib", "/var/cache", "/", "/tmp/../etc"}) {
+        usbmgr::copy_str(MINIDLNA_CONF.db_dir, db_dir);
+        minidlna_running = true;
+        seams.runner.clear();
+        fake::reset();
+        app_util_start_minidlna();
+        const Lines t = seams.runner.texts();
+        for (const auto& line : t) EXPECT_EQ(line.rfind("rm", 0), std::string::npos) << line;
+        EXPECT_TRUE(fake::logged(1, "db_util.c", std::string("refusing value '") + db_dir + "' of USBMGR.MINIDLNA.DB_DIR"));
+        EXPECT_NE(std::find(t.begin(), t.end(), kMiniServer), t.end()) << db_dir;
     }
 }
