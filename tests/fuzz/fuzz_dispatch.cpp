@@ -9,12 +9,16 @@
 // record of another disk), then commands until the input ends, each a u8
 // id, a u16 length and that many bytes. After each command the settings
 // and history files must still be one key=value a line, and the ring keep
-// its indices.
+// its indices. Throughout, no file outside the private /var and /tmp is
+// written or removed (the write guard; the Samba file is moved into /var
+// for it, as a gateway test would), and the files and folders the servers
+// write (MiniDLNA's database and log folders, Samba's log file) stay there.
 #include <cstdint>
 #include <cstring>
 #include <iterator>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "db_util/db_util.h"
@@ -69,6 +73,15 @@ void check_state(const fuzz::KeyValueCheck& settings, const fuzz::KeyValueCheck&
         b.read_index >= USBMGR_EVT_BUFFER_SIZE)
         fuzz::finding("change-kind ring index out of range", after);
     if (fuzz::temp_left_beside(TR140_CONF_PATH)) fuzz::finding("temporary history file left behind", after);
+    // What the servers write where the settings tell them: their files stay
+    // in /var and /tmp too.
+    for (const std::string_view p :
+         {std::string_view(MINIDLNA_CONF.db_dir, usbmgr::field_len(MINIDLNA_CONF.db_dir)),
+          std::string_view(MINIDLNA_CONF.log_dir, usbmgr::field_len(MINIDLNA_CONF.log_dir)),
+          std::string_view(SAMBA_CONF.log_file, usbmgr::field_len(SAMBA_CONF.log_file))}) {
+        if (!p.starts_with("/var/") && !p.starts_with("/tmp/") && p != "/var" && p != "/tmp")
+            fuzz::finding("a server's file or folder outside /var and /tmp", after + ": " + std::string(p));
+    }
 }
 
 }  // namespace
@@ -89,6 +102,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     std::string history_text = (flags & 4) ? kOtherDisk : "";
     if (flags & 4) fuzz::write_file(TR140_CONF_PATH, history_text);
     usbmgr_conf_load();
+    usbmgr::copy_str(SAMBA_CONF.conf_dir, "/var/samba/smb.conf");
+    fuzz::guard_writes(true);
     // Logins on serial adapters run forever by design.
     USB_SERIAL_ENABLE = 0;
     if (flags & 1) plug_disk();
@@ -122,5 +137,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size) {
     fuzz::clock().reset();
     usbmgr_alarm_work();
     check_state(settings, history, "deferred reload");
+    fuzz::guard_writes(false);  // libFuzzer writes its corpus and reports where it is told
     return 0;
 }

@@ -205,7 +205,33 @@ bool warn_hidden_path(const char* arg) {
 
 }  // namespace
 
+namespace {
+std::atomic<bool> g_guard{false};
+
+bool inside_var_or_tmp(std::string_view path) {
+    if (path.rfind("/var/", 0) != 0 && path.rfind("/tmp/", 0) != 0) return false;
+    for (std::size_t from = 0; from <= path.size();) {
+        std::size_t to = path.find('/', from);
+        if (to == std::string_view::npos) to = path.size();
+        if (path.substr(from, to - from) == "..") return false;
+        from = to + 1;
+    }
+    return true;
+}
+}  // namespace
+
+void guard_writes(bool on) { g_guard.store(on); }
+
+void guard_path(const char* what, const char* path) {
+    // Relative names are libFuzzer's own (its artifacts, written even from
+    // a crash or timeout inside an input); the daemon names every file
+    // absolutely, and its settings' forms take absolute paths only.
+    if (!g_guard.load() || path == nullptr || path[0] != '/') return;
+    if (!inside_var_or_tmp(path)) finding("file write or removal outside /var and /tmp", std::string(what) + " " + path);
+}
+
 void finding(const char* what, std::string_view detail) {
+    g_guard.store(false);  // libFuzzer writes the input out next
     std::fprintf(stderr, "\n==FINDING== %s: %s\n", what, shown(detail).c_str());
     std::fflush(stderr);
     std::abort();
@@ -352,6 +378,14 @@ std::string World::answer_shell(const std::string& text, bool* started) {
 
 void World::do_exec(const std::vector<std::string>& argv) {
     const std::string& program = argv[0];
+    // Every path a file command writes or removes (options aside).
+    if (program == "rm" || program == "mv" || program == "cp" || program == "mknod" || program == "mkdir") {
+        for (std::size_t i = 1; i < argv.size(); ++i) {
+            if (program == "mknod" && i > 1) break;  // type and numbers
+            if (program == "cp" && i + 1 < argv.size()) continue;  // only the copy is written
+            if (!argv[i].empty() && argv[i][0] != '-') guard_path(program.c_str(), argv[i].c_str());
+        }
+    }
     if (program == "mknod") {
         write_file(argv[1].c_str(), "");
     } else if (program == "rm") {

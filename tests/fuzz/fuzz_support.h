@@ -26,6 +26,15 @@ namespace fuzz {
 // Reports a violated invariant and aborts.
 [[noreturn]] void finding(const char* what, std::string_view detail);
 
+// The write guard: while it is on, a file write or a removal of an
+// absolute path outside the private /var and /tmp (or one that climbs out
+// of them with "..") is a finding; relative names are libFuzzer's. The command runner checks the paths of the file
+// commands; a target linked with the libc wrappers of write_guard.cpp has
+// every open for writing, unlink, rename, mkdir and rmdir checked as well.
+void guard_writes(bool on);
+// Checks path when the guard is on; what names the call.
+void guard_path(const char* what, const char* path);
+
 // Prints text with every byte outside printable ASCII escaped.
 std::string shown(std::string_view text);
 
