@@ -53,7 +53,9 @@ const char* const kExecFormats[] = {
     "rm -rf %a",
     "mount -v -t auto -o nosuid,nodev /var/dev/%n %a",
     "/bin/ntfs-3g -o nosuid,nodev /var/dev/%n %a",
+    "mount.exfat-fuse -o nosuid,nodev /var/dev/%n %a",
     "umount %a",
+    "umount -l %a",
     "orbcm_util cfg save",
     "killall minidlnad",
     "killall -9 minidlnad",
@@ -394,6 +396,10 @@ void World::do_exec(const std::vector<std::string>& argv) {
         if ((answers_.next(0) & 3) != 1) mounts_[argv[7]] = {argv[6], "ext4"};
     } else if (program == "/bin/ntfs-3g") {
         if ((answers_.next(0) & 3) != 2) mounts_[argv[4]] = {argv[3], "fuseblk"};
+    } else if (program == "mount.exfat-fuse") {
+        if ((answers_.next(0) & 3) != 2) mounts_[argv[4]] = {argv[3], "fuseblk"};
+    } else if (program == "umount" && argv[1] == "-l") {
+        mounts_.erase(argv[2]);  // detached, busy or not
     } else if (program == "umount") {
         auto it = mounts_.find(argv[1]);
         if (it == mounts_.end()) return;
