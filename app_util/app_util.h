@@ -65,6 +65,18 @@ int app_util_start_samba();
 void app_util_stop_samba();
 // Rewrites the file, stops the servers when smbd runs, starts them when enabled.
 void app_util_samba_reload_conf();
+// True when a change of the share list may reload smbd in place: the live
+// reload setting is 1, Samba is enabled and smbd runs.
+bool app_util_samba_live();
+// A reload for a changed share list: with the live reload setting 1 and
+// Samba enabled, the file is rewritten and a running smbd rereads it
+// ("smbcontrol smbd reload-config"), a stopped one is started; otherwise
+// app_util_samba_reload_conf.
+void app_util_samba_reload_shares();
+// Ends the sessions on the shares of the given folders of the mount root
+// ("smbcontrol smbd close-share NAME", NAME the section name the
+// configuration file has), so that their unmount is not held up by smbd.
+void app_util_samba_close_shares(const std::vector<std::string>& folders);
 
 // ---------------------------------------------------------------------------
 // Samba user accounts

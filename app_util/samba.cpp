@@ -6,6 +6,7 @@
 
 #include <cctype>
 #include <cstring>
+#include <fstream>
 #include <string>
 
 #include "app_util/app_util.h"
@@ -154,6 +155,41 @@ bool list_mount_root(std::vector<std::string>& folders) {
     return true;
 }
 
+// The part of a reload after the file was written: stop what runs, start
+// again when Samba is enabled.
+void restart_samba() {
+    if (app_util_check_process("smbd") == 1) {
+        app_util_stop_samba();
+        usbmgr::sys_clock().sleep_us(500000);
+    }
+    if (SAMBA_CONF.enable) {
+        db_util_exe_command(app_util_internal::server_command({"/bin/smbd"}));
+        db_util_exe_command(app_util_internal::server_command({"/bin/nmbd"}));
+    }
+}
+
+// The section names of the shares whose path is one of folders, as the
+// configuration file smbd last read has them.
+std::vector<std::string> share_sections(const std::vector<std::string>& folders) {
+    std::vector<std::string> paths;
+    const std::string root(MOUNT_DISK_PATH, strnlen(MOUNT_DISK_PATH, MOUNT_DISK_PATH_SIZE));
+    for (const std::string& folder : folders)
+        paths.push_back("   path = " + line_end_value("   path = ", root + "/" + folder));
+    std::vector<std::string> sections;
+    std::ifstream in(field_text(SAMBA_CONF.conf_dir));
+    std::string line;
+    std::string section;
+    while (std::getline(in, line)) {
+        if (line.size() >= 2 && line.front() == '[' && line.back() == ']') {
+            section = line.substr(1, line.size() - 2);
+            continue;
+        }
+        for (const std::string& p : paths)
+            if (line == p && !section.empty()) sections.push_back(section);
+    }
+    return sections;
+}
+
 }  // namespace
 
 std::vector<AppUtilSambaShare> app_util_samba_shares(const std::vector<std::string>& folders) {
@@ -237,12 +273,33 @@ int app_util_start_samba() {
 void app_util_samba_reload_conf() {
     // Always rewritten, even with Samba off: a reload is a full restart.
     app_util_write_samba_conf();
-    if (app_util_check_process("smbd") == 1) {
-        app_util_stop_samba();
-        usbmgr::sys_clock().sleep_us(500000);
+    restart_samba();
+}
+
+bool app_util_samba_live() {
+    return SAMBA_LIVE_RELOAD == 1 && SAMBA_CONF.enable != 0 && app_util_check_process("smbd") == 1;
+}
+
+void app_util_samba_reload_shares() {
+    if (SAMBA_LIVE_RELOAD != 1 || SAMBA_CONF.enable == 0) {
+        app_util_samba_reload_conf();
+        return;
     }
-    if (SAMBA_CONF.enable) {
-        db_util_exe_command(app_util_internal::server_command({"/bin/smbd"}));
-        db_util_exe_command(app_util_internal::server_command({"/bin/nmbd"}));
+    app_util_write_samba_conf();
+    // smbd rereads the file it started with, the compiled-in path that the
+    // file above is written to; sessions on the shares that stay go on.
+    if (app_util_check_process("smbd") == 1) {
+        db_util_exe_command(app_util_internal::server_command({"smbcontrol", "smbd", "reload-config"}));
+        return;
+    }
+    db_util_exe_command(app_util_internal::server_command({"/bin/smbd"}));
+    db_util_exe_command(app_util_internal::server_command({"/bin/nmbd"}));
+}
+
+void app_util_samba_close_shares(const std::vector<std::string>& folders) {
+    for (const std::string& name : share_sections(folders)) {
+        // "*" would close every share; a leading '-' would be an option.
+        if (name == "*") continue;
+        db_util_exe_command(app_util_internal::server_command({"smbcontrol", "smbd", "close-share", name}, {3}));
     }
 }

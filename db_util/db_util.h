@@ -71,6 +71,9 @@ extern int32_t StorageServiceNumberOfEntries;
 extern int32_t NUMBER_OF_MAX_TR140_HISTORY_ITEM;
 extern int32_t AUTO_CREATE_USER_ACCESS_DATA;
 extern int32_t USB_SERIAL_ENABLE;
+// 1: a change of the share list reloads a running smbd in place instead of
+// restarting both servers.
+extern int32_t SAMBA_LIVE_RELOAD;
 extern MiniDlnaConf MINIDLNA_CONF;
 extern SambaConf SAMBA_CONF;
 

@@ -21,6 +21,7 @@ int32_t StorageServiceNumberOfEntries;
 int32_t NUMBER_OF_MAX_TR140_HISTORY_ITEM;
 int32_t AUTO_CREATE_USER_ACCESS_DATA;
 int32_t USB_SERIAL_ENABLE;
+int32_t SAMBA_LIVE_RELOAD;
 MiniDlnaConf MINIDLNA_CONF;
 SambaConf SAMBA_CONF;
 
@@ -117,8 +118,11 @@ const Setting kSettings[] = {
     NUMBER("USBMGR.NUMBER_OF_HISTORY", NUMBER_OF_MAX_TR140_HISTORY_ITEM, 3, 10, 1, 100),
     NUMBER("USBMGR.AUTO_CREATE_USER_ACCESS", AUTO_CREATE_USER_ACCESS_DATA, 4, 0, 0, 1),
     NUMBER("USBMGR.USB_SERIAL.ENABLE", USB_SERIAL_ENABLE, 5, 0, 0, 1),
+    // Added later than the others: a settings file without it (read as -1)
+    // keeps the full restart of older gateways. Last, so it never stops a load.
+    NUMBER("USBMGR.SAMBA.LIVE_RELOAD", SAMBA_LIVE_RELOAD, 39, 0, 0, 1),
 };
-constexpr int kSettingCount = 38;
+constexpr int kSettingCount = 39;
 static_assert(sizeof kSettings / sizeof kSettings[0] == kSettingCount);
 
 #undef TEXT
@@ -246,13 +250,14 @@ void log_summary() {
     log_setting(kSettings[16]);
     log_setting(kSettings[15]);
     for (int i = 17; i <= 33; ++i) log_setting(kSettings[i]);
+    log_setting(kSettings[38]);
     USBMGR_TRACE(USBMGR_LOG_DEBUG, "%s", kSeparator);
 }
 
 const Setting& setting_at(int save_pos) {
     for (const Setting& s : kSettings)
         if (s.save == save_pos) return s;
-    return kSettings[0];  // unreachable: the positions are 1 to 38
+    return kSettings[0];  // unreachable: the positions are 1 to 39
 }
 
 }  // namespace
@@ -301,6 +306,9 @@ int usbmgr_conf_load() {
         std::memset(guest.text, 0, guest.size);
         usbmgr::copy_bounded(guest.text, guest.size, guest.factory);
     }
+    // An older settings file has no such key (read as -1): it keeps the
+    // restart, and is saved with 0.
+    if (SAMBA_LIVE_RELOAD != 1) SAMBA_LIVE_RELOAD = 0;
     log_summary();
     return 1;
 }

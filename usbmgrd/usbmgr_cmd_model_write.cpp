@@ -87,7 +87,7 @@ void usbmgr_cmd_set_storage_service(CmdSetStorageService& cmd) {
     SAMBA_CONF.enable = enable;
     usbmgr_conf_save();
     usbmgr_tr140_db_build();
-    usbmgr_arm_reload(kReloadSamba);
+    usbmgr_arm_reload(kReloadSamba, UsbmgrReloadCause::settings);
 }
 
 // Accepted and ignored: the host and domain names are not the daemon's to set.
@@ -103,7 +103,7 @@ void usbmgr_cmd_set_storage_network_server(CmdSetStorageNetworkServer& cmd) {
     usbmgr_conf_save();
     usbmgr_tr140_db_build();
     dp_util_evt_buf_write(USBMGR_TR140_NETWORK_SERVICE_CHANGE);
-    usbmgr_arm_reload(kReloadSamba);
+    usbmgr_arm_reload(kReloadSamba, UsbmgrReloadCause::settings);
 }
 
 void usbmgr_cmd_set_add_storage_user_account(CmdSambaUser& cmd) {
@@ -170,7 +170,7 @@ void usbmgr_cmd_set_logical_volume(CmdSetLogicalVolume& cmd) {
     usbmgr_cfg_save();
     usbmgr_tr140_db_build();
     dp_util_evt_buf_write(USBMGR_TR140_LOGICAL_VOLUME_CHANGE);
-    usbmgr_arm_reload(kReloadSamba);
+    usbmgr_arm_reload(kReloadSamba, UsbmgrReloadCause::shares);
     cmd.status = usbmgr::STORAGE_OK;
 }
 

@@ -9,6 +9,8 @@
 #include <cstring>
 #include <memory>
 #include <mutex>
+#include <string>
+#include <vector>
 
 #include "app_util/app_util.h"
 #include "db_util/clock.h"
@@ -51,6 +53,20 @@ namespace {
 constexpr unsigned long kSafeRemoveRetryUs = 3000000;
 constexpr int kSafeRemoveAttempts = 5;
 
+// The mount root's folders of the disk's volumes.
+std::vector<std::string> disk_folders(const char* attach_device) {
+    std::vector<std::string> folders;
+    char device[sizeof UsbPhysicalInfo::attach_device + 1] = {};
+    usbmgr::copy_str(device, attach_device);
+    const int n = disk_util_get_number_of_disk_volume(device);
+    for (int i = 0; i < n; ++i) {
+        char volume[10] = {};
+        usbmgr::copy_str(device, attach_device);
+        if (disk_util_get_disk_volume_by_index(i, device, volume, sizeof volume) == 0) folders.emplace_back(volume);
+    }
+    return folders;
+}
+
 // The disk is unmounted: forget it, rebuild the model, tell and reload.
 void finish_removal(const char* attach_device) {
     char device[sizeof UsbPhysicalInfo::attach_device + 1] = {};
@@ -66,7 +82,7 @@ void finish_removal(const char* attach_device) {
     db_util_delete_usb_physical_info_item(device);
     usbmgr_tr140_db_build();
     dp_util_evt_buf_write(USBMGR_TR140_STORAGE_SAFE_REMOVE);
-    app_util_samba_reload_conf();
+    app_util_samba_reload_shares();
     app_util_minidlna_reload_conf(&usbmgr_iil_handle);
     usbmgr_flush_notify();
 }
@@ -78,7 +94,14 @@ void usbmgr_safe_remove_storage(const char* attach_device) {
         {
             usbmgr::DaemonLock lock;
             app_util_stop_minidllna();
-            app_util_stop_samba();
+            if (app_util_samba_live()) {
+                // Only this disk's sessions end, before each try, so that a
+                // client does not hold up its unmount; the other shares stay
+                // served.
+                app_util_samba_close_shares(disk_folders(attach_device));
+            } else {
+                app_util_stop_samba();
+            }
             // The whole device list, so that every volume is unmounted and
             // forgotten however many the disk has.
             char device[sizeof UsbPhysicalInfo::attach_device + 1] = {};
@@ -92,7 +115,7 @@ void usbmgr_safe_remove_storage(const char* attach_device) {
                 USBMGR_TRACE(USBMGR_LOG_WARNING, "safe remove %s gave up: disk busy", attach_device);
                 usbmgr::copy_str(device, attach_device);
                 disk_util_mount_storage(device);
-                app_util_samba_reload_conf();
+                app_util_samba_reload_shares();
                 app_util_minidlna_reload_conf(&usbmgr_iil_handle);
                 return;
             }

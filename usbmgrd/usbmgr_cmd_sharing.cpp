@@ -146,7 +146,7 @@ void set_server_setting(const ServerSettings& server, const CmdSetConf& cmd) {
     if (kind != SetKind::enable) {
         // Subscribers hear of a Samba change after the reload.
         if (server.samba) dp_util_evt_buf_write(USBMGR_TR140_SERVICE_CHANGE);
-        usbmgr_arm_reload(server.reload_target);
+        usbmgr_arm_reload(server.reload_target, UsbmgrReloadCause::settings);
     } else if (server.enable != before) {
         if (server.enable != 0)
             server.start();

@@ -17,6 +17,7 @@
 #include "usbmgrd/usbmgrd.h"
 
 std::atomic<int32_t> usbmgr_reload_target;
+std::atomic<bool> usbmgr_reload_restart;
 
 namespace {
 
@@ -38,8 +39,9 @@ void* deferred_worker(void*) {
 
 }  // namespace
 
-void usbmgr_arm_reload(int32_t target) {
+void usbmgr_arm_reload(int32_t target, UsbmgrReloadCause cause) {
     usbmgr_reload_target = target;
+    if (cause == UsbmgrReloadCause::settings) usbmgr_reload_restart = true;
     usbmgr::sys_clock().arm_alarm(USBMGR_RELOAD_DELAY_US);
 }
 
@@ -60,8 +62,14 @@ void usbmgr_alarm_work() {
     }
     usbmgr::DaemonLock lock;
     int32_t target = usbmgr_reload_target;
+    const bool restart = usbmgr_reload_restart.exchange(false);
     // Samba first, then MiniDLNA.
-    if (target == 2 || target == 3) app_util_samba_reload_conf();
+    if (target == 2 || target == 3) {
+        if (restart)
+            app_util_samba_reload_conf();
+        else
+            app_util_samba_reload_shares();
+    }
     if (target == 1 || target == 3) app_util_minidlna_reload_conf(&usbmgr_iil_handle);
     usbmgr_flush_notify();
 }

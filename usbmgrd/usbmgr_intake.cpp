@@ -4,6 +4,9 @@
 // and the checks every hot-plug record passes first (serial adapters too).
 #include <cstring>
 
+#include <string>
+#include <vector>
+
 #include "app_util/app_util.h"
 #include "db_util/db_util.h"
 #include "db_util/lock.h"
@@ -136,7 +139,7 @@ USBMGR_EVT_HANDLER(usbmgr_evt_new_storage_interface) {
     usbmgr_add_folder_watches();
     usbmgr_tr140_db_build();
     dp_util_evt_buf_write(USBMGR_TR140_ADD_STORAGE);
-    usbmgr_arm_reload(3);
+    usbmgr_arm_reload(3, UsbmgrReloadCause::shares);
     return 0;
 }
 
@@ -152,16 +155,25 @@ USBMGR_EVT_HANDLER(usbmgr_evt_remove_storage_interface) {
         return 0;
     }
     // The volumes are still mounted, so they are still found.
-    for_each_volume(rec.AttachDevice, [](const char* volume) { db_util_delete_usb_volume_info_item(volume); });
+    std::vector<std::string> folders;
+    for_each_volume(rec.AttachDevice, [&folders](const char* volume) {
+        folders.emplace_back(volume);
+        db_util_delete_usb_volume_info_item(volume);
+    });
     usbmgr_remove_folder_watches();
     app_util_stop_minidllna();
-    app_util_stop_samba();
+    // With the live reload only the leaving disk's sessions end; the other
+    // shares stay served.
+    if (app_util_samba_live())
+        app_util_samba_close_shares(folders);
+    else
+        app_util_stop_samba();
     char list[sizeof rec.AttachDevice];
     usbmgr::copy_str(list, rec.AttachDevice);
     disk_util_umount_storage(list);
     usbmgr_add_folder_watches();
     usbmgr_tr140_db_build();
     dp_util_evt_buf_write(USBMGR_TR140_REMOVE_STORAGE);
-    usbmgr_arm_reload(3);
+    usbmgr_arm_reload(3, UsbmgrReloadCause::shares);
     return 0;
 }

@@ -164,8 +164,15 @@ inline constexpr unsigned long USBMGR_RELOAD_DELAY_US = 900000;
 
 extern std::atomic<int32_t> usbmgr_reload_target;  // 1 MiniDLNA, 2 Samba, 3 both
 
-// Sets the reload target and arms the 900 ms alarm.
-void usbmgr_arm_reload(int32_t target);
+// Why Samba is reloaded: a changed share list may reload smbd in place
+// (with the live reload setting), a change of Samba's own settings restarts it.
+enum class UsbmgrReloadCause { shares, settings };
+// Set when a reload of the waiting burst was armed for Samba's settings;
+// cleared when the reload runs. One such cause makes the burst a restart.
+extern std::atomic<bool> usbmgr_reload_restart;
+
+// Sets the reload target, records its cause and arms the 900 ms alarm.
+void usbmgr_arm_reload(int32_t target, UsbmgrReloadCause cause);
 // SIGALRM: only wakes the deferred worker.
 void usbmgr_alarm_handler(int sig);
 // The deferred work the alarm asks for: re-arm while a storage event is

@@ -450,6 +450,7 @@ void reset_iteration() {
     dp_util_evt_buf_init();
     usbmgr_evt_in_progress = 0;
     usbmgr_reload_target = 0;
+    usbmgr_reload_restart = false;
     std::memset(MOUNT_DISK_PATH, 0, sizeof MOUNT_DISK_PATH);
     std::memset(&MINIDLNA_CONF, 0, sizeof MINIDLNA_CONF);
     std::memset(&SAMBA_CONF, 0, sizeof SAMBA_CONF);

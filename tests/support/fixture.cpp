@@ -21,6 +21,7 @@ void reset_ring() { std::memset(&usbmgr_evt_buffer, 0, sizeof usbmgr_evt_buffer)
 void reset_deferred_state() {
     usbmgr_evt_in_progress = 0;
     usbmgr_reload_target = 0;
+    usbmgr_reload_restart = false;
 }
 
 void reset_settings() {
@@ -29,6 +30,7 @@ void reset_settings() {
     NUMBER_OF_MAX_TR140_HISTORY_ITEM = 0;
     AUTO_CREATE_USER_ACCESS_DATA = 0;
     USB_SERIAL_ENABLE = 0;
+    SAMBA_LIVE_RELOAD = 0;
     std::memset(&MINIDLNA_CONF, 0, sizeof MINIDLNA_CONF);
     std::memset(&SAMBA_CONF, 0, sizeof SAMBA_CONF);
 }

@@ -573,3 +573,103 @@ TEST_F(SambaConfFile, EverySettingOfTheSettingsFileReplacesItsRowsDefaultInTheWr
                                      "   username map = /var/samba/users.map",
                                  }));
 }
+
+namespace {
+
+// The factory settings with smbd answering the process check as running.
+void smbd_runs(testing_support::Seams& seams) {
+    seams.runner.respond = [](const std::string& t) {
+        return t == kSmbdCheck ? std::string(" 1 root smbd -D\n") : std::string();
+    };
+}
+
+}  // namespace
+
+TEST_F(ReloadSamba, LiveReloadRewritesTheFileAndReloadsARunningSmbdInPlace) {
+    load_factory_settings();
+    ASSERT_EQ(SAMBA_LIVE_RELOAD, 1);
+    smbd_runs(seams);
+    write_file(kConf, "[old]\n");
+    fake::reset();
+    app_util_samba_reload_shares();
+    EXPECT_EQ(read_lines(kConf), kGlobalLines);
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck, "smbcontrol smbd reload-config"}));
+    EXPECT_TRUE(fake::logged("run command : smbcontrol smbd reload-config"));
+    EXPECT_TRUE(seams.clock.sleeps().empty());
+}
+
+TEST_F(ReloadSamba, LiveReloadStartsBothServersWhenSmbdDoesNotRun) {
+    load_factory_settings();
+    app_util_samba_reload_shares();
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck, "/bin/smbd", "/bin/nmbd"}));
+}
+
+TEST_F(ReloadSamba, LiveReloadOffRestartsTheServersAsBefore) {
+    load_factory_settings();
+    SAMBA_LIVE_RELOAD = 0;
+    int smbd_checks = 0;
+    seams.runner.respond = [&](const std::string& t) {
+        return t == kSmbdCheck && smbd_checks++ < 2 ? std::string(" 1 root smbd -D\n") : std::string();
+    };
+    app_util_samba_reload_shares();
+    EXPECT_EQ(seams.runner.texts(),
+              (std::vector<std::string>{kSmbdCheck, kSmbdCheck, kNmbdCheck, "killall smbd", "killall nmbd",
+                                        "killall -9 smbd", kSmbdCheck, kNmbdCheck, "/bin/smbd", "/bin/nmbd"}));
+}
+
+TEST_F(ReloadSamba, LiveReloadWithSambaDisabledStopsTheServersAsBefore) {
+    load_factory_settings();
+    SAMBA_CONF.enable = 0;
+    int smbd_checks = 0;
+    seams.runner.respond = [&](const std::string& t) {
+        return t == kSmbdCheck && smbd_checks++ < 2 ? std::string(" 1 root smbd -D\n") : std::string();
+    };
+    app_util_samba_reload_shares();
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{kSmbdCheck, kSmbdCheck, kNmbdCheck, "killall smbd",
+                                                                "killall nmbd", "killall -9 smbd", kSmbdCheck,
+                                                                kNmbdCheck}));
+}
+
+TEST_F(ReloadSamba, SambaIsLiveOnlyWithTheSettingOnSambaEnabledAndSmbdRunning) {
+    load_factory_settings();
+    EXPECT_FALSE(app_util_samba_live());
+    smbd_runs(seams);
+    EXPECT_TRUE(app_util_samba_live());
+    SAMBA_CONF.enable = 0;
+    EXPECT_FALSE(app_util_samba_live());
+    SAMBA_CONF.enable = 1;
+    SAMBA_LIVE_RELOAD = 0;
+    EXPECT_FALSE(app_util_samba_live());
+}
+
+TEST_F(ReloadSamba, CloseSharesEndsTheSessionsOfTheGivenFoldersSharesByTheirSectionNames) {
+    load_factory_settings();
+    write_file(kConf,
+               "[global]\n   workgroup = WORKGROUP\n"
+               "[Music]\n   comment = Music (sda1) shared disk\n   path = /tmp/disk/sda1\n"
+               "[sda2]\n   comment = sda2 shared disk\n   path = /tmp/disk/sda2\n"
+               "[Photos]\n   comment = Photos (sdb1) shared disk\n   path = /tmp/disk/sdb1\n");
+    fake::reset();
+    app_util_samba_close_shares({"sda1", "sda2"});
+    EXPECT_EQ(seams.runner.texts(), (std::vector<std::string>{"smbcontrol smbd close-share Music",
+                                                              "smbcontrol smbd close-share sda2"}));
+    EXPECT_TRUE(fake::logged("run command : smbcontrol smbd close-share Music"));
+}
+
+TEST_F(ReloadSamba, CloseSharesPassesAShareNameWithBlanksAsOneArgument) {
+    load_factory_settings();
+    write_file(kConf, "[My Music; x]\n   path = /tmp/disk/sda1\n");
+    app_util_samba_close_shares({"sda1"});
+    ASSERT_EQ(seams.runner.calls().size(), 1u);
+    EXPECT_EQ(seams.runner.calls()[0].argv,
+              (std::vector<std::string>{"smbcontrol", "smbd", "close-share", "My Music; x"}));
+}
+
+TEST_F(ReloadSamba, CloseSharesNeverClosesEveryShareOrPassesAnOption) {
+    load_factory_settings();
+    write_file(kConf, "[*]\n   path = /tmp/disk/sda1\n[-s]\n   path = /tmp/disk/sda2\n");
+    fake::reset();
+    app_util_samba_close_shares({"sda1", "sda2"});
+    EXPECT_TRUE(seams.runner.texts().empty());
+    EXPECT_EQ(fake::log_texts(), (std::vector<std::string>{"refusing command line 'smbcontrol smbd close-share -s'"}));
+}

@@ -64,7 +64,7 @@ TEST(Settings, FactoryFileHoldsEveryKeyInSaveOrderAndLoadsWhole) {
     Seams seams;
     clear_settings();
     auto lines = factory_lines();
-    ASSERT_EQ(lines.size(), 38u);
+    ASSERT_EQ(lines.size(), 39u);
     write_file(USBMGR_CONF_PATH, factory_text());
     EXPECT_EQ(usbmgr_conf_load(), 1);
     EXPECT_STREQ(MOUNT_DISK_PATH, "/tmp/disk");
@@ -115,6 +115,22 @@ TEST(Settings, MissingHistoryCapacityLoadsAsMinusOne) {
     EXPECT_EQ(StorageServiceNumberOfEntries, 1);
 }
 
+TEST(Settings, FactorySettingsReloadSambaInPlaceAndAFileWithoutTheKeyKeepsTheRestart) {
+    Seams seams;
+    clear_settings();
+    write_file(USBMGR_CONF_PATH, factory_text());
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_EQ(SAMBA_LIVE_RELOAD, 1);
+    clear_settings();
+    SAMBA_LIVE_RELOAD = 1;
+    write_file(USBMGR_CONF_PATH, without_line("USBMGR.SAMBA.LIVE_RELOAD"));
+    EXPECT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_EQ(SAMBA_LIVE_RELOAD, 0);
+    // Saved as it was read: the restart stays.
+    usbmgr_conf_save();
+    EXPECT_EQ(read_lines(USBMGR_CONF_PATH).back(), "USBMGR.SAMBA.LIVE_RELOAD=0");
+}
+
 TEST(Settings, MissingStringKeyNamesItselfInTheFailureMessage) {
     Seams seams;
     clear_settings();
@@ -132,7 +148,7 @@ TEST(Settings, CompleteLoadLogsTheSummaryBlock) {
     ASSERT_EQ(usbmgr_conf_load(), 1);
     auto log = fake::log_texts();
     const std::string sep(69, '-');
-    ASSERT_EQ(log.size(), 4u + 4 + 15 + 19);
+    ASSERT_EQ(log.size(), 4u + 4 + 15 + 20);
     EXPECT_EQ(log[0], sep);
     EXPECT_EQ(log[1], "USBMGR.NUMBER_OF_SERVICE              = 1");
     EXPECT_EQ(log[2], "USBMGR.NUMBER_OF_HISTORY              = 10");
@@ -148,7 +164,8 @@ TEST(Settings, CompleteLoadLogsTheSummaryBlock) {
     EXPECT_EQ(log[23], "USBMGR.SAMBA.CONF_DIR                 = /etc/samba/smb.conf");
     EXPECT_EQ(log[24], "USBMGR.SAMBA.LOG_FILE                 = /var/samba/log.%m");
     EXPECT_EQ(log[40], "USBMGR.SAMBA.USERNAME_MAP_DIR         = /var/samba/smbusers");
-    EXPECT_EQ(log[41], sep);
+    EXPECT_EQ(log[41], "USBMGR.SAMBA.LIVE_RELOAD              = 1");
+    EXPECT_EQ(log[42], sep);
 }
 
 TEST(Settings, SaveWritesTheSettingsInSaveOrderThenThreeLinesPerAccount) {
@@ -182,10 +199,10 @@ TEST(Settings, AccountWithoutPasswordLineGetsAnEmptyPasswordLine) {
     ASSERT_EQ(usbmgr_conf_load(), 1);
     usbmgr_conf_save();
     auto lines = read_lines(USBMGR_CONF_PATH);
-    ASSERT_EQ(lines.size(), 41u);
-    EXPECT_EQ(lines[38], "USBMGR.SAMBA.USER_NAME.3=carol");
-    EXPECT_EQ(lines[39], "USBMGR.SAMBA.USER_PASSWORD.3=");
-    EXPECT_EQ(lines[40], "USBMGR.SAMBA.USER_ENABLE.3=1");
+    ASSERT_EQ(lines.size(), 42u);
+    EXPECT_EQ(lines[39], "USBMGR.SAMBA.USER_NAME.3=carol");
+    EXPECT_EQ(lines[40], "USBMGR.SAMBA.USER_PASSWORD.3=");
+    EXPECT_EQ(lines[41], "USBMGR.SAMBA.USER_ENABLE.3=1");
 }
 
 TEST(Settings, SaveReturnsZeroWhenAccountTwentyFourExists) {

@@ -301,3 +301,25 @@ TEST_F(SafeRemove, ABusyDiskIsTriedFiveTimesWithoutTheLockBetweenThenLeftMounted
     EXPECT_NE(std::find(all.begin(), all.end(), "mount -v -t auto -o nosuid,nodev /var/dev/sda1 /tmp/disk/sda1"), all.end());
     EXPECT_NE(std::find(all.begin(), all.end(), "/bin/smbd"), all.end());
 }
+
+TEST_F(SafeRemove, WithLiveReloadTheWorkerClosesTheDisksSharesBeforeTheUnmountAndReloadsSmbdInPlace) {
+    ASSERT_EQ(SAMBA_LIVE_RELOAD, 1);
+    // The file smbd runs with names sda1's share after its history.
+    testing_support::write_file("/var/samba/smb.conf",
+                                "[global]\n[Music]\n   path = /tmp/disk/sda1\n[sda2]\n   path = /tmp/disk/sda2\n"
+                                "[sdb1]\n   path = /tmp/disk/sdb1\n");
+    auto storage = seams.runner.respond;
+    seams.runner.respond = [storage](const std::string& t) -> std::string {
+        return t == "ps | grep smbd | grep -v grep 2>&1" ? std::string(" 1 root smbd -D\n") : storage(t);
+    };
+    auto c = request(0, 0);
+    usbmgr_cmd_set_storage_safe_remove(c);
+    usbmgr_safe_remove_wait();
+    Lines samba;
+    for (const auto& t : seams.runner.texts())
+        if (t.rfind("smbcontrol", 0) == 0 || t.rfind("killall", 0) == 0 || t.rfind("umount", 0) == 0 ||
+            t == "/bin/smbd")
+            samba.push_back(t);
+    EXPECT_EQ(samba, (Lines{"killall minidlnad", "smbcontrol smbd close-share Music", "smbcontrol smbd close-share sda2",
+                            "umount /tmp/disk/sda1", "umount /tmp/disk/sda2", "smbcontrol smbd reload-config"}));
+}

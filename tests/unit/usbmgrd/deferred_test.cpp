@@ -115,7 +115,7 @@ TEST_F(DeferredReload, StorageEventsChooseBothServersForTheReload) {
 }
 
 TEST_F(DeferredReload, ArmingSetsTheTargetWhichTheAlarmKeepsUsing) {
-    usbmgr_arm_reload(2);
+    usbmgr_arm_reload(2, UsbmgrReloadCause::settings);
     EXPECT_EQ(usbmgr_reload_target, 2);
     EXPECT_EQ(seams.clock.alarms(), (std::vector<unsigned long>{kDeferral}));
     {
@@ -126,7 +126,7 @@ TEST_F(DeferredReload, ArmingSetsTheTargetWhichTheAlarmKeepsUsing) {
     EXPECT_EQ(fake::sent_kinds(), (Kinds{2}));
     // Never cleared: the next alarm reloads the same servers.
     EXPECT_EQ(usbmgr_reload_target, 2);
-    usbmgr_arm_reload(1);
+    usbmgr_arm_reload(1, UsbmgrReloadCause::settings);
     EXPECT_EQ(usbmgr_reload_target, 1);
 }
 
