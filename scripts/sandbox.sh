@@ -3,7 +3,7 @@
 # the gateway for usbmgrd: private mount, PID, network, UTS and IPC
 # namespaces; tmpfs on /tmp, /var and /run; an overlay on /etc (so accounts
 # can be added without touching the machine's own) with an empty /etc/samba;
-# the gateway's /bin/smbd, /bin/nmbd and /bin/pdbedit (host adapters from
+# the gateway's /bin/smbd, /bin/nmbd, /bin/pdbedit and smbcontrol (host adapters from
 # platform/host/samba) and orbcm_util on the PATH; a private dbus-daemon as
 # the message bus.
 #
@@ -168,12 +168,20 @@ else
     echo "sandbox.sh: warning: no /usr/bin/pdbedit (Debian package samba-common-bin)" >&2
 fi
 export USBMGR_DEBIAN_PDBEDIT=/var/lib/sandbox/debian/pdbedit
+# Debian's smbcontrol likewise, for the smbcontrol adapter.
+if [ -x /usr/bin/smbcontrol ]; then
+    : >/var/lib/sandbox/debian/smbcontrol
+    mount --bind /usr/bin/smbcontrol /var/lib/sandbox/debian/smbcontrol
+else
+    echo "sandbox.sh: warning: no /usr/bin/smbcontrol (Debian package samba-common-bin)" >&2
+fi
+export USBMGR_DEBIAN_SMBCONTROL=/var/lib/sandbox/debian/smbcontrol
 
 # /bin is /usr/bin here: an overlay adds the programs the gateway has in /bin.
-# smbd, nmbd and pdbedit are adapters that give Debian's Samba the gateway's
+# smbd, nmbd, pdbedit and smbcontrol are adapters that give Debian's Samba the gateway's
 # command lines and password file (platform/host/samba).
 mkdir -p /var/lib/sandbox/usr-bin/upper /var/lib/sandbox/usr-bin/work
-for adapter in smbd nmbd pdbedit; do
+for adapter in smbd nmbd pdbedit smbcontrol; do
     install -m 0755 "$source_dir/platform/host/samba/$adapter" "/var/lib/sandbox/usr-bin/upper/$adapter"
 done
 orbcm_util=$(find_built orbcm_util f)

@@ -29,7 +29,9 @@ cleanup() {
 trap cleanup EXIT
 
 log_count() { grep -cF -- "$1" "$ORBIIL_LOG_FILE" || true; }
-samba_starts() { log_count "run command : /bin/smbd"; }
+# A Samba reload: smbd started again, or reloaded in place (the factory
+# settings' live reload).
+samba_starts() { echo $(($(log_count "run command : /bin/smbd") + $(log_count "run command : smbcontrol smbd reload-config"))); }
 minidlna_starts() { log_count "run command : /sbin/minidlnad"; }
 kinds() { grep -c " kind $1 " "$work/monitor.out" || true; }
 shares() { smbclient -L 127.0.0.1 -N -g 2>/dev/null | awk -F'|' '$1 == "Disk" { print $2 }'; }
