@@ -63,8 +63,16 @@ protected:
         arrive(make_record("sda,sda1"));
         arrive(make_record("sdb,sdb1", "SER-B"));
         usbmgr_alarm_work();
+        write_shares();
         seams.runner.clear();
         fake::reset();
+    }
+
+    // The file smbd runs with shares both disks (the folders here are no
+    // mount points, so the generator leaves them out).
+    static void write_shares() {
+        testing_support::write_file("/var/samba/smb.conf",
+                                    "[global]\n[sda1]\n   path = /tmp/disk/sda1\n[sdb1]\n   path = /tmp/disk/sdb1\n");
     }
 
     // The commands that start, stop or reload Samba, and the unmounts.
@@ -180,6 +188,7 @@ TEST_F(LiveReload, ASettingsChangeInABurstOfArrivalsMakesItOneRestartAndTheNextB
     usbmgr_alarm_work();
     EXPECT_EQ(samba_commands(), kRestart);
     seams.runner.clear();
+    write_shares();
     leave(make_record("sdb,sdb1", "SER-B"));
     usbmgr_alarm_work();
     EXPECT_EQ(samba_commands(), (Lines{"smbcontrol smbd close-share sdb1", "umount /tmp/disk/sdb1", kReloadConfig}));
