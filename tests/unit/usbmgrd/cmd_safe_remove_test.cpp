@@ -317,9 +317,59 @@ TEST_F(SafeRemove, WithLiveReloadTheWorkerClosesTheDisksSharesBeforeTheUnmountAn
     usbmgr_safe_remove_wait();
     Lines samba;
     for (const auto& t : seams.runner.texts())
-        if (t.rfind("smbcontrol", 0) == 0 || t.rfind("killall", 0) == 0 || t.rfind("umount", 0) == 0 ||
+        if (t.rfind("smbcontrol", 0) == 0 || t.rfind("killall smbd", 0) == 0 || t.rfind("umount", 0) == 0 ||
             t == "/bin/smbd")
             samba.push_back(t);
-    EXPECT_EQ(samba, (Lines{"killall minidlnad", "smbcontrol smbd close-share Music", "smbcontrol smbd close-share sda2",
+    EXPECT_EQ(samba, (Lines{"smbcontrol smbd close-share Music", "smbcontrol smbd close-share sda2",
                             "umount /tmp/disk/sda1", "umount /tmp/disk/sda2", "smbcontrol smbd reload-config"}));
+}
+
+TEST_F(SafeRemove, WithLiveReloadEveryTryOfABusyDiskClosesItsSharesFirstAndGivingUpReloadsSmbdInPlace) {
+    testing_support::write_file("/var/samba/smb.conf",
+                                "[global]\n[Music]\n   path = /tmp/disk/sda1\n[sda2]\n   path = /tmp/disk/sda2\n");
+    // smbd runs throughout; sda2 stays busy.
+    auto storage = seams.runner.respond;
+    seams.runner.respond = [storage](const std::string& t) -> std::string {
+        if (t == "ps | grep smbd | grep -v grep 2>&1") return " 1 root smbd -D\n";
+        if (t == "umount /tmp/disk/sda2") return "";
+        return storage(t);
+    };
+    auto c = request(0, 0);
+    usbmgr_cmd_set_storage_safe_remove(c);
+    usbmgr_safe_remove_wait();
+    Lines samba;
+    for (const auto& t : seams.runner.texts())
+        if (t.rfind("smbcontrol", 0) == 0 || t.rfind("killall smbd", 0) == 0 || t == "umount /tmp/disk/sda2" ||
+            t == "/bin/smbd")
+            samba.push_back(t);
+    Lines expected;
+    for (int i = 0; i < 5; ++i)
+        expected.insert(expected.end(), {"smbcontrol smbd close-share Music", "smbcontrol smbd close-share sda2",
+                                         "umount /tmp/disk/sda2"});
+    expected.emplace_back("smbcontrol smbd reload-config");
+    EXPECT_EQ(samba, expected);
+}
+
+TEST_F(SafeRemove, WithTheLiveReloadSettingOffTheWorkerStopsRunningSambaBeforeTheUnmountAndStartsItAfter) {
+    SAMBA_LIVE_RELOAD = 0;
+    bool smbd = true;
+    auto storage = seams.runner.respond;
+    seams.runner.respond = [storage, &smbd](const std::string& t) -> std::string {
+        if (t == "ps | grep smbd | grep -v grep 2>&1") return smbd ? " 1 root smbd -D\n" : "";
+        return storage(t);
+    };
+    seams.runner.while_running = [&smbd](const std::string& t) {
+        if (t == "killall smbd") smbd = false;
+        if (t == "/bin/smbd") smbd = true;
+    };
+    auto c = request(0, 0);
+    usbmgr_cmd_set_storage_safe_remove(c);
+    usbmgr_safe_remove_wait();
+    Lines samba;
+    for (const auto& t : seams.runner.texts())
+        if (t.rfind("smbcontrol", 0) == 0 || t.rfind("killall", 0) == 0 || t.rfind("umount", 0) == 0 ||
+            t == "/bin/smbd" || t == "/bin/nmbd")
+            samba.push_back(t);
+    EXPECT_EQ(samba, (Lines{"killall smbd", "killall nmbd", "killall -9 smbd", "umount /tmp/disk/sda1",
+                            "umount /tmp/disk/sda2", "/bin/smbd", "/bin/nmbd"}));
 }

@@ -552,7 +552,7 @@ TEST_F(SharingCommands, ValueHoldingANewlineStaysOneLineOfTheSettingsFile) {
     EXPECT_EQ(lines_of("USBMGR.MINIDLNA.FRIENDLY_NAME"),
               Lines{"USBMGR.MINIDLNA.FRIENDLY_NAME=den_USBMGR.SAMBA.ENABLE=0_"});
     EXPECT_EQ(lines_of("USBMGR.SAMBA.ENABLE"), Lines{"USBMGR.SAMBA.ENABLE=1"});
-    EXPECT_EQ(read_lines(USBMGR_CONF_PATH).size(), 38u);
+    EXPECT_EQ(read_lines(USBMGR_CONF_PATH).size(), 39u);
     expect_settings_parseable();
 }
 
@@ -819,7 +819,7 @@ TEST_F(SharingCommands, ControlCharactersInEveryValueByteNeverAddALine) {
         for (std::size_t i = 0; i < sizeof c.value; ++i) c.value[i] = (i % 2) ? '\n' : '\x7f';
         usbmgr_cmd_set_samba_conf(c);
     }
-    EXPECT_EQ(read_lines(USBMGR_CONF_PATH).size(), 38u);
+    EXPECT_EQ(read_lines(USBMGR_CONF_PATH).size(), 39u);
     expect_settings_parseable();
 }
 

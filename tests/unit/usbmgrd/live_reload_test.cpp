@@ -27,7 +27,7 @@ const char kSmbdCheck[] = "ps | grep smbd | grep -v grep 2>&1";
 const char kNmbdCheck[] = "ps | grep nmbd | grep -v grep 2>&1";
 const char kReloadConfig[] = "smbcontrol smbd reload-config";
 // A restart of running servers, as the reload has always done.
-const Lines kRestart = {"killall smbd", "killall nmbd", "/bin/smbd", "/bin/nmbd"};
+const Lines kRestart = {"killall smbd", "killall nmbd", "killall -9 smbd", "/bin/smbd", "/bin/nmbd"};
 
 class LiveReload : public testing_support::DaemonTest {
 protected:
@@ -134,8 +134,8 @@ TEST_F(LiveReload, RemovalWithTheSettingOffStopsBothServersBeforeTheUnmountAndRe
     plug_both();
     leave(make_record("sda,sda1"));
     usbmgr_alarm_work();
-    EXPECT_EQ(samba_commands(), (Lines{"killall smbd", "killall nmbd", "umount /tmp/disk/sda1", "/bin/smbd",
-                                       "/bin/nmbd"}));
+    EXPECT_EQ(samba_commands(), (Lines{"killall smbd", "killall nmbd", "killall -9 smbd", "umount /tmp/disk/sda1",
+                                       "/bin/smbd", "/bin/nmbd"}));
 }
 
 TEST_F(LiveReload, RenamingOrEnablingAVolumeReloadsInPlaceAndWithTheSettingOffRestarts) {
@@ -175,7 +175,7 @@ TEST_F(LiveReload, SambaSettingsCommandsSixAndTwentySixAndTheSambaSwitchRestartE
     CmdSetStorageService off{0, 0};
     usbmgr_cmd_set_storage_service(off);
     usbmgr_alarm_work();
-    EXPECT_EQ(samba_commands(), (Lines{"killall smbd", "killall nmbd"}));
+    EXPECT_EQ(samba_commands(), (Lines{"killall smbd", "killall nmbd", "killall -9 smbd"}));
 }
 
 TEST_F(LiveReload, ASettingsChangeInABurstOfArrivalsMakesItOneRestartAndTheNextBurstReloadsInPlace) {
