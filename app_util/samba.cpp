@@ -8,6 +8,7 @@
 #include <cstring>
 #include <fstream>
 #include <string>
+#include <utility>
 
 #include "app_util/app_util.h"
 #include "app_util/app_util_internal.h"
@@ -172,9 +173,15 @@ void restart_samba() {
 // configuration file smbd last read has them.
 std::vector<std::string> share_sections(const std::vector<std::string>& folders) {
     std::vector<std::string> paths;
+    paths.reserve(folders.size());
     const std::string root(MOUNT_DISK_PATH, strnlen(MOUNT_DISK_PATH, MOUNT_DISK_PATH_SIZE));
-    for (const std::string& folder : folders)
-        paths.push_back("   path = " + line_end_value("   path = ", root + "/" + folder));
+    for (const std::string& folder : folders) {
+        std::string folder_path = root;
+        folder_path.append("/").append(folder);
+        std::string path_line = "   path = ";
+        path_line.append(line_end_value("   path = ", folder_path));
+        paths.push_back(std::move(path_line));
+    }
     std::vector<std::string> sections;
     std::ifstream in(field_text(SAMBA_CONF.conf_dir));
     std::string line;

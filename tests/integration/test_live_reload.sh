@@ -123,6 +123,7 @@ run() {
     check "$p: the copy to B is under way" wait_for "[ -s /tmp/disk/sdb1/b.bin ]" $((10 * scale))
     usbmgrctl unplug --port 1-1 --device sda,sda1 --serial SER-A >/dev/null
     check "$p: disk A is unmounted" wait_for "! mounted /tmp/disk/sda1" $((30 * scale))
+    echo "# $p: A's unmount detached while busy: $(log_count "umount /tmp/disk/sda1 busy, detached") time(s)"
     status=$(put_status b.bin) || status=timeout
     echo "# $p: copy to B ended with $status, the client on A with $(put_status held.bin || echo timeout)"
     if [ "$live" = 1 ]; then
