@@ -87,7 +87,7 @@ std::string field_name(std::size_t i) {
     return i < kTextFieldCount ? kTextFields[i].name : "number " + std::to_string(i - kTextFieldCount);
 }
 
-// Every one of the 38 keys is in the file.
+// Every one of the 39 keys is in the file.
 void check_all_keys(const std::string& content) {
     for (const auto& key : fuzz::setting_keys())
         if (content.rfind(key + "=", 0) != 0 && content.find("\n" + key + "=") == std::string::npos)

@@ -535,6 +535,7 @@ const std::vector<std::string>& setting_keys() {
         "USBMGR.SAMBA.BIND_INTERFACES_ONLY",
         "USBMGR.SAMBA.USERNAME_MAP",
         "USBMGR.SAMBA.USERNAME_MAP_DIR",
+        "USBMGR.SAMBA.LIVE_RELOAD",
     };
     return keys;
 }

@@ -131,6 +131,22 @@ TEST(Settings, FactorySettingsReloadSambaInPlaceAndAFileWithoutTheKeyKeepsTheRes
     EXPECT_EQ(read_lines(USBMGR_CONF_PATH).back(), "USBMGR.SAMBA.LIVE_RELOAD=0");
 }
 
+TEST(Settings, ALiveReloadValueOtherThanZeroOrOneKeepsTheRestartWithOneErrorLine) {
+    Seams seams;
+    clear_settings();
+    SAMBA_LIVE_RELOAD = 1;
+    std::string text = factory_text();
+    const std::string from = "USBMGR.SAMBA.LIVE_RELOAD=1";
+    const auto pos = text.find(from);
+    ASSERT_NE(pos, std::string::npos);
+    text.replace(pos, from.size(), "USBMGR.SAMBA.LIVE_RELOAD=2");
+    write_file(USBMGR_CONF_PATH, text);
+    fake::reset();
+    ASSERT_EQ(usbmgr_conf_load(), 1);
+    EXPECT_EQ(SAMBA_LIVE_RELOAD, 0);
+    EXPECT_TRUE(fake::logged(1, "db_util.c", "refusing value '2' of USBMGR.SAMBA.LIVE_RELOAD"));
+}
+
 TEST(Settings, MissingStringKeyNamesItselfInTheFailureMessage) {
     Seams seams;
     clear_settings();
@@ -370,6 +386,8 @@ const KeyValues kRefused = {
     {"USBMGR.USB_SERIAL.ENABLE", "5"},
     {"USBMGR.AUTO_CREATE_USER_ACCESS", "2"},
     {"USBMGR.NUMBER_OF_SERVICE", "2"},
+    {"USBMGR.SAMBA.LIVE_RELOAD", "2"},
+    {"USBMGR.SAMBA.LIVE_RELOAD", "yes"},
     {"USBMGR.NUMBER_OF_HISTORY", "0"},
     {"USBMGR.NUMBER_OF_HISTORY", "101"},
     // Whoever connects as a guest is this account: never root.
@@ -413,6 +431,8 @@ const KeyValues kAccepted = {
     {"USBMGR.MINIDLNA.ENABLE", "0"},
     {"USBMGR.SAMBA.ENABLE", "1"},
     {"USBMGR.USB_SERIAL.ENABLE", "1"},
+    {"USBMGR.SAMBA.LIVE_RELOAD", "0"},
+    {"USBMGR.SAMBA.LIVE_RELOAD", "1"},
     {"USBMGR.NUMBER_OF_HISTORY", "1"},
     {"USBMGR.NUMBER_OF_HISTORY", "100"},
     {"USBMGR.SAMBA.GUEST_ACCOUNT", "nobody"},
