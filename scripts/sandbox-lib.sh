@@ -403,8 +403,18 @@ detach_disk() {
 # ---------------------------------------------------------------------------
 # The daemon.
 
+# A daemon that ended may stay a zombie until this shell (the sandbox's init)
+# reaps it: only live ones count.
 _sandbox_daemon_pids() {
-    pgrep -x usbmgrd || true
+    local pid
+    for pid in $(pgrep -x usbmgrd || true); do
+        if _sandbox_alive "$pid"; then echo "$pid"; fi
+    done
+}
+
+# no_daemon: true when no usbmgrd runs (an unreaped zombie does not).
+no_daemon() {
+    [ -z "$(_sandbox_daemon_pids)" ]
 }
 
 # start_daemon [LEVEL]: runs usbmgrd with no controlling terminal; its parent

@@ -107,7 +107,7 @@ check "media_dir and log_dir /etc: minidlna.conf as the restart wrote it names n
     bash -c "! grep -q '=/etc' /var/minidlna.conf"
 
 stop_daemon 60
-check "SIGTERM: the daemon ended" bash -c "! pgrep -x usbmgrd"
+check "SIGTERM: the daemon ended" no_daemon
 trap - EXIT
 detach_disk sda >/dev/null 2>&1 || true
 rm -rf "$work"

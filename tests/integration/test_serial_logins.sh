@@ -109,7 +109,7 @@ usbmgrctl serial-unplug --port 1-5 --device ttyS0 >/dev/null
 # --- SIGTERM ends the logins (ttyUSB0 is still plugged in and logged in)
 check "sigterm: a getty runs before" has_getty
 stop_daemon 15
-check "sigterm: the daemon is gone" [ -z "$(pgrep -x usbmgrd)" ]
+check "sigterm: the daemon is gone" no_daemon
 check "sigterm: no getty is left" wait_for no_getty 5
 check "sigterm: /var/dev is emptied" [ -z "$(ls -A /var/dev)" ]
 

@@ -166,7 +166,7 @@ log_quiet() {
 }
 check "hostile: the reloads end" wait_for log_quiet 90
 stop_daemon 60
-check "SIGTERM: the daemon ended" bash -c "! pgrep -x usbmgrd"
+check "SIGTERM: the daemon ended" no_daemon
 
 kill "$monitor_pid" 2>/dev/null || true
 monitor_pid=""
