@@ -479,21 +479,7 @@ void write_file(const char* path, std::string_view bytes) {
 
 bool file_exists(const char* path) { return access(path, F_OK) == 0; }
 
-bool temp_left_beside(const char* target) {
-    const std::string t = target;
-    const std::size_t slash = t.rfind('/');
-    const std::string folder = slash == 0 ? "/" : t.substr(0, slash);
-    const std::string prefix = t.substr(slash + 1) + ".";
-    DIR* dir = opendir(folder.c_str());
-    if (dir == nullptr) return false;
-    bool left = false;
-    while (dirent* e = readdir(dir)) {
-        const std::string name = e->d_name;
-        if (name.size() == prefix.size() + 6 && name.rfind(prefix, 0) == 0) left = true;
-    }
-    closedir(dir);
-    return left;
-}
+bool temp_left_beside(const char* target) { return testing_support::temp_left_beside(target); }
 
 const std::vector<std::string>& setting_keys() {
     static const std::vector<std::string> keys = {

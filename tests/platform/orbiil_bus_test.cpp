@@ -88,8 +88,16 @@ std::string read_line(int fd, std::chrono::milliseconds limit) {
     }
 }
 
-// Runs argv without a shell and returns its standard output.
-std::string run_capture(const std::vector<std::string>& args, int* status) {
+// Runs argv without a shell, as who when given, and returns its standard
+// output (and its error too when both is set). Between fork and exec only
+// system calls run.
+struct Identity {
+    uid_t uid;
+    gid_t gid;
+    std::vector<gid_t> groups;
+};
+
+std::string run_child(const std::vector<std::string>& args, const Identity* who, bool both, int* status) {
     std::vector<char*> argv;
     argv.reserve(args.size() + 1);
     for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
@@ -98,6 +106,11 @@ std::string run_capture(const std::vector<std::string>& args, int* status) {
     pid_t pid = fork();
     if (pid == 0) {
         dup2(out.write_end(), STDOUT_FILENO);
+        if (both) dup2(out.write_end(), STDERR_FILENO);
+        if (who != nullptr &&
+            (setgroups(who->groups.size(), who->groups.data()) != 0 ||
+             setresgid(who->gid, who->gid, who->gid) != 0 || setresuid(who->uid, who->uid, who->uid) != 0))
+            _exit(126);
         execvp(argv[0], argv.data());
         _exit(127);
     }
@@ -112,40 +125,15 @@ std::string run_capture(const std::vector<std::string>& args, int* status) {
     return text;
 }
 
-// Who a child process runs as: uid, primary gid and supplementary groups.
-struct Identity {
-    uid_t uid;
-    gid_t gid;
-    std::vector<gid_t> groups;
-};
+// Runs argv without a shell and returns its standard output.
+std::string run_capture(const std::vector<std::string>& args, int* status) {
+    return run_child(args, nullptr, false, status);
+}
 
-// Runs argv without a shell as who, and returns its standard output and
-// error together. Between fork and exec only system calls run.
+// Runs argv without a shell as who (uid, primary gid and supplementary
+// groups), and returns its standard output and error together.
 std::string run_as(const Identity& who, const std::vector<std::string>& args, int* status) {
-    std::vector<char*> argv;
-    argv.reserve(args.size() + 1);
-    for (const std::string& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    Pipe out;
-    pid_t pid = fork();
-    if (pid == 0) {
-        dup2(out.write_end(), STDOUT_FILENO);
-        dup2(out.write_end(), STDERR_FILENO);
-        if (setgroups(who.groups.size(), who.groups.data()) != 0 || setresgid(who.gid, who.gid, who.gid) != 0 ||
-            setresuid(who.uid, who.uid, who.uid) != 0)
-            _exit(126);
-        execvp(argv[0], argv.data());
-        _exit(127);
-    }
-    out.close_write();
-    std::string text;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(out.read_end(), buf, sizeof buf)) > 0) text.append(buf, static_cast<size_t>(n));
-    int st = 0;
-    waitpid(pid, &st, 0);
-    if (status) *status = st;
-    return text;
+    return run_child(args, &who, true, status);
 }
 
 constexpr uid_t kNobody = 65534;

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <chrono>
 #include <fstream>
+#include <memory>
 #include <sstream>
 
 #include "platform_fake.h"
@@ -161,14 +162,13 @@ bool temp_left_beside(const std::string& target) {
     const std::size_t slash = target.rfind('/');
     const std::string folder = slash == 0 ? "/" : target.substr(0, slash);
     const std::string prefix = target.substr(slash + 1) + ".";
-    DIR* dir = opendir(folder.c_str());
-    if (dir == nullptr) return false;
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder.c_str()), closedir);
+    if (!dir) return false;
     bool left = false;
-    while (dirent* e = readdir(dir)) {
+    while (dirent* e = readdir(dir.get())) {
         const std::string name = e->d_name;
         if (name.size() == prefix.size() + 6 && name.rfind(prefix, 0) == 0) left = true;
     }
-    closedir(dir);
     return left;
 }
 
